@@ -1,0 +1,54 @@
+# One object library per source folder, so that a test can link exactly the layers it exercises.
+# The shared library and the internal static library are both built from the same objects.
+
+if(WIN32)
+  set(KVL_PLATFORM_SOURCES src/platform/platform_win32.cpp)
+  set(KVL_ENTRY_SOURCES src/platform/entry_win32.cpp)
+  set(KVL_PLATFORM_LIBS ws2_32)
+else()
+  set(KVL_PLATFORM_SOURCES src/platform/platform_posix.cpp)
+  set(KVL_ENTRY_SOURCES src/platform/entry_posix.cpp)
+  set(KVL_PLATFORM_LIBS pthread)
+endif()
+
+set(KVL_LAYERS impl comms gateway eci esi api)
+set(KVL_ALL_OBJECTS)
+
+add_library(kvl_platform OBJECT ${KVL_PLATFORM_SOURCES})
+target_include_directories(kvl_platform PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+target_compile_definitions(kvl_platform PUBLIC KVL_BUILDING_LIBRARY)
+list(APPEND KVL_ALL_OBJECTS $<TARGET_OBJECTS:kvl_platform>)
+
+foreach(layer IN LISTS KVL_LAYERS)
+  file(GLOB layer_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/${layer}/*.cpp)
+  if(layer_sources)
+    add_library(kvl_${layer} OBJECT ${layer_sources})
+    target_link_libraries(kvl_${layer} PUBLIC kvl_platform)
+    list(APPEND KVL_ALL_OBJECTS $<TARGET_OBJECTS:kvl_${layer}>)
+  endif()
+endforeach()
+
+# Internal static library: everything but the load/unload hooks; unit tests link it.
+add_library(kvlclient_internal STATIC ${KVL_ALL_OBJECTS})
+target_include_directories(kvlclient_internal PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+target_compile_definitions(kvlclient_internal PUBLIC KVL_BUILDING_LIBRARY)
+target_link_libraries(kvlclient_internal PUBLIC ${KVL_PLATFORM_LIBS})
+
+add_library(kvlclient SHARED ${KVL_ALL_OBJECTS} ${KVL_ENTRY_SOURCES})
+target_include_directories(kvlclient PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE ${PROJECT_SOURCE_DIR}/src)
+target_compile_definitions(kvlclient PRIVATE KVL_BUILDING_LIBRARY)
+target_link_libraries(kvlclient PRIVATE ${KVL_PLATFORM_LIBS})
+if(WIN32)
+  set_target_properties(kvlclient PROPERTIES OUTPUT_NAME KVLCLIENT PREFIX "" IMPORT_PREFIX "lib"
+                        IMPORT_SUFFIX ".dll.a")
+  target_link_options(kvlclient PRIVATE -Wl,--kill-at)
+else()
+  set_target_properties(kvlclient PROPERTIES VERSION 9.1.0 SOVERSION 9)
+  target_link_options(kvlclient PRIVATE -Wl,--no-undefined)
+endif()
+
+# Build level shown in the trace banner: fixed at configure time.
+string(TIMESTAMP KVL_BUILD_STAMP "%Y%m%d%H%M" UTC)
+if(TARGET kvl_impl)
+  target_compile_definitions(kvl_impl PRIVATE KVL_BUILD_LEVEL="KVL9104-${KVL_BUILD_STAMP}")
+endif()

@@ -1,0 +1,66 @@
+/* kvlclient: connections to the Gateway, the API trace, versions and return codes.
+ *
+ * Thread safety: every function may be called from any thread at any time;
+ * a connection (gwTok) may be used by many threads at once. */
+#ifndef KVLCLIENT_H
+#define KVLCLIENT_H
+
+#include "kvl_export.h"
+
+/* Return codes shared by every exported function. The five positive codes carry
+ * the Gateway's own error numbers. Codes are never renumbered or removed. */
+#define KVL_OK 0
+#define KVL_ERR_SYSTEM_ERROR (-9)
+#define KVL_ERR_MORE_SYSTEMS (-25)
+#define KVL_ERR_NO_SYSTEMS (-26)
+#define KVL_ERR_NULLGWTOK (-100)
+#define KVL_ERR_BADGWTOK (-101)
+#define KVL_ERR_LOSTGWCON (-102)
+#define KVL_ERR_NULLPARM (-103)
+#define KVL_ERR_TRACELEVEL (-104)
+#define KVL_ERR_BADPORT (-107)
+#define KVL_ERR_NULLGWTOKPTR (-108)
+#define KVL_ERR_NULLPTR (-109)
+#define KVL_ERR_MALLOCFAIL (-111)
+#define KVL_ERR_CONNECTFAILED (-118)
+#define KVL_ERR_TRACEFILE (-130)
+#define KVL_ERR_BADHOST (-132)
+#define KVL_ERR_NULLADDRESS (-133)
+#define KVL_ERR_CONNECTTIMEOUT (-134)
+#define KVL_ERR_NULLECIPOINTER (-137)
+#define KVL_ERR_INVALIDTIMEOUTPARM (-138)
+#define KVL_ERR_APPLIDTOOLONG (-139)
+#define KVL_ERR_GWTOK_CLOSED (-140)
+#define KVL_ERR_GATEWAY_CLOSED 61444
+#define KVL_ERR_WORK_WAS_REFUSED 61445
+#define KVL_ERR_GATEWAY_EXCEPTION 61446
+#define KVL_ERR_GATEWAY_BACK_LEVEL 61450
+#define KVL_ERR_INVALID_REQUEST_TYPE 61451
+
+/* KVL_getRcString copies a name into a buffer of this many bytes. */
+#define KVL_RC_STRING_LENGTH 40
+
+/* An open Gateway connection; opaque. */
+typedef struct kvlGatewayToken* gwTok;
+
+KVL_EXTERN_C_BEGIN
+
+/* Trace: level 0 (off) to 5; *EXC* lines from 1, EVENT 2, ENTRY/EXIT 3, DEBUG and DATA 4. */
+KVL_API int KVL_setAPITraceLevel(int traceState);
+KVL_API int KVL_getAPITraceLevel(int* traceStatePtr);
+/* Appends to the named file (at most 1023 characters); NULL returns to standard error. */
+KVL_API int KVL_setAPITraceFile(const char* traceFile);
+KVL_API void KVL_setAPITraceDataLength(int dataLength);
+KVL_API void KVL_setAPITraceDataOffset(int dataOffset);
+/* Writes the library's state to the trace destination, whatever the level. */
+KVL_API int KVL_dumpState(void);
+
+/* Versions: the strings are the library's own; do not free or change them. */
+KVL_API int KVL_getAPIVersion(char** apiVersPtr);
+KVL_API int KVL_getDLLVersion(char** dllVersPtr);
+/* Copies the name of rc into rcString (KVL_RC_STRING_LENGTH bytes); returns rcString. */
+KVL_API char* KVL_getRcString(int rc, char* rcString);
+
+KVL_EXTERN_C_END
+
+#endif

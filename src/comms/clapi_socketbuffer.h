@@ -1,0 +1,52 @@
+// Buffered big-endian reads and writes on a connected socket, one flow at a time.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/platform.h"
+
+constexpr uint64_t SOCKBUFFER_MAX_SIZE = 33000;
+
+// One secret region of the bytes now in a write buffer (header and save area are one allocation).
+struct maskedRegion {
+    uint8_t* regionStart;
+    uint64_t regionLen;
+    uint8_t* savedBytes;
+    maskedRegion* next;
+};
+
+struct sockBuffer {
+    char eyecatcher[8];  // "KVLSCKBF" once initialised, zero after freeBuffer
+    platformSocket socketDesc;
+    int32_t lastError;  // non-zero: the buffer is dead until initialised again
+    uint8_t* bufferStart;
+    uint64_t bufferSize;
+    uint8_t* bufferPos;
+    uint64_t bufferLen;
+    uint64_t dataRemaining;  // bytes of the flow not yet sent / not yet taken from the socket
+    maskedRegion* maskedList;
+};
+
+// A record initialised the first time must be all zero.
+int initWriteBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen);
+int initReadBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen);
+int freeBuffer(sockBuffer* sb);
+int flushBuffer(sockBuffer* sb);
+int fillBuffer(sockBuffer* sb);
+int waitForResponse(sockBuffer* sb, int timeout);  // seconds, 0 = no limit
+
+void writeByte(sockBuffer* sb, uint8_t value);
+void writeShort(sockBuffer* sb, uint16_t value);
+void writeInt(sockBuffer* sb, uint32_t value);
+void writeBytes(sockBuffer* sb, const void* data, uint64_t dataLen);
+void writeBytesMasked(sockBuffer* sb, const void* data, uint64_t dataLen);  // dataLen 0 is refused
+void writePaddedBytes(sockBuffer* sb, const void* data, uint64_t dataLen, uint64_t fieldLen);
+void writePaddedBytesMasked(sockBuffer* sb, const void* data, uint64_t dataLen, uint64_t fieldLen);
+
+uint8_t readByte(sockBuffer* sb);
+uint16_t readShort(sockBuffer* sb);
+uint32_t readInt(sockBuffer* sb);
+void readBytes(sockBuffer* sb, void* data, uint64_t dataLen);
+
+// Bytes of the current incoming flow not yet consumed (buffered plus still on the socket).
+inline uint64_t sockBufferFlowRemaining(const sockBuffer* sb) { return sb->bufferLen + sb->dataRemaining; }
