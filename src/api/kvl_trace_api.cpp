@@ -19,10 +19,7 @@ KVL_API int KVL_setAPITraceLevel(int traceState) {
     } else {
         clapiRequestLock(&clapiTrace.traceLock);
         // This banner does not count as written: a later change of destination writes it again.
-        if (!clapiTrace.bannerWritten && clapiTraceLevel.load() == 0 && traceState >= 1) {
-            clapiTraceLevel.store(traceState);
-            clapiTraceWriteBanner();
-        }
+        if (!clapiTrace.bannerWritten && clapiTraceLevel.load() == 0 && traceState >= 1) clapiTraceWriteBanner();
         clapiTraceLevel.store(traceState);
         clapiReleaseLock(&clapiTrace.traceLock);
     }
