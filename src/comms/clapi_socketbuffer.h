@@ -7,6 +7,11 @@
 
 constexpr uint64_t SOCKBUFFER_MAX_SIZE = 33000;
 
+// lastError values that are not socket error codes (those are all positive).
+constexpr int32_t SOCKBUFFER_ERR_PEER_CLOSED = -1;   // recv returned 0
+constexpr int32_t SOCKBUFFER_ERR_FLOW_OVERRUN = -2;  // a read wanted more than the flow holds
+constexpr int32_t SOCKBUFFER_ERR_NO_MEMORY = -3;     // a masked region could not be recorded
+
 // One secret region of the bytes now in a write buffer (header and save area are one allocation).
 struct maskedRegion {
     uint8_t* regionStart;
@@ -47,6 +52,12 @@ uint8_t readByte(sockBuffer* sb);
 uint16_t readShort(sockBuffer* sb);
 uint32_t readInt(sockBuffer* sb);
 void readBytes(sockBuffer* sb, void* data, uint64_t dataLen);
+// Consumes dataLen bytes of the current flow without storing them.
+void skipBytes(sockBuffer* sb, uint64_t dataLen);
+
+// The code a dead buffer stands for: 0 healthy, -102 socket failure or peer closed,
+// -9 a read past the end of the flow, -111 no memory for a masked region.
+int sockBufferErrorRc(const sockBuffer* sb);
 
 // Bytes of the current incoming flow not yet consumed (buffered plus still on the socket).
 inline uint64_t sockBufferFlowRemaining(const sockBuffer* sb) { return sb->bufferLen + sb->dataRemaining; }

@@ -1,0 +1,48 @@
+// Helpers shared by the socket buffer's own files; not for other modules.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "comms/clapi_socketbuffer.h"
+
+// Frees a masked-region list, rest of the list first, wiping each save area.
+void clapiFreeMaskedList(maskedRegion* region);
+
+// Text of a socket error for a trace line; returns buffer.
+const char* clapiSocketErrorText(int code, char* buffer, size_t size);
+
+// Sends len bytes, repeating after a partial send. Returns the bytes sent, or -1
+// with the error in *error when a send fails (bytes sent before the failure are lost).
+long long clapiSendAll(platformSocket s, const uint8_t* data, uint64_t len, int* error);
+
+// Marks the buffer dead unless it already is.
+inline void clapiSockBufferFail(sockBuffer* sb, int32_t error) {
+    if (sb->lastError == 0) sb->lastError = error;
+}
+
+// Stores n bytes at the buffer's position, flushing whenever the buffer is full, so
+// that no write can pass the buffer's end whatever its size. produce(dst, offset, len)
+// supplies bytes [offset, offset + len) of the n at dst and returns false to stop
+// (it has then marked the buffer dead).
+template <class Produce>
+void clapiStoreBytes(sockBuffer* sb, uint64_t n, Produce produce) {
+    uint64_t done = 0;
+    while (done < n && sb->lastError == 0) {
+        uint64_t space = sb->bufferSize - sb->bufferLen;
+        if (space == 0) {
+            if (flushBuffer(sb) != 0) return;
+            continue;
+        }
+        uint64_t len = n - done < space ? n - done : space;
+        if (!produce(sb->bufferPos, done, len)) return;
+        sb->bufferPos += len;
+        sb->bufferLen += len;
+        done += len;
+    }
+}
+
+// For the DATA trace of a flush: put '*' over every masked region, keeping the real
+// bytes in the save areas; the restore puts them back and wipes the save areas.
+void clapiHideMaskedRegions(sockBuffer* sb);
+void clapiRestoreMaskedRegions(sockBuffer* sb);
