@@ -13,12 +13,7 @@ namespace {
 const char* const kVars[] = {"KVL_CLIENT_TRACE_LEVEL", "KVL_CLIENT_TRACE_FILE", "KVL_CLIENT_DATA_LENGTH",
                              "KVL_CLIENT_DATA_OFFSET"};
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+std::string readFile(const std::string& path) { return kvltest::readText(path); }
 
 class EnvironmentAtLoad : public ::testing::Test {
 protected:

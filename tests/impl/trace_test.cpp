@@ -117,13 +117,7 @@ TEST(TraceFile, SwitchingRulesAndCodes) {
 
     kvltest::TraceCapture reread(4);
     (void)reread;
-    std::string text;
-    {
-        std::ifstream in(second);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        text = ss.str();
-    }
+    std::string text = kvltest::readText(second);
     // The second file got its banner, the two failures and the switch back.
     EXPECT_NE(text.find("*** Trace Level = 4, Trace File = " + second + ", 64-bit ***"), std::string::npos);
     EXPECT_NE(text.find("API.KVL_setAPITraceFile(" + bad + ") file append failed with errno="), std::string::npos);

@@ -31,12 +31,21 @@ TraceCapture::~TraceCapture() {
     std::filesystem::remove(path_, ignored);
 }
 
-std::string TraceCapture::text() const {
-    std::ifstream in(path_, std::ios::binary);
+std::string readText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
     ss << in.rdbuf();
-    return ss.str();
+    std::string raw = ss.str();
+    std::string out;
+    out.reserve(raw.size());
+    for (size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] == '\r' && i + 1 < raw.size() && raw[i + 1] == '\n') continue;
+        out.push_back(raw[i]);
+    }
+    return out;
 }
+
+std::string TraceCapture::text() const { return readText(path_); }
 
 std::vector<std::string> TraceCapture::lines() const {
     std::vector<std::string> out;

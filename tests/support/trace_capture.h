@@ -27,6 +27,8 @@ private:
 
 // The message part of a prefixed trace line (everything after the type column).
 std::string traceMessage(const std::string& line);
+// A text file's contents with Windows line ends folded to "\n" (trace files are text files).
+std::string readText(const std::string& path);
 // A unique path in the temporary directory.
 std::string tempPath(const std::string& stem);
 
