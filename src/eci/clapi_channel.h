@@ -33,8 +33,8 @@ struct kvlChannel {
 
 constexpr int32_t CHANNEL_CCSID_UNSET = -1;
 constexpr size_t CHANNEL_NAME_LENGTH = 16;
-constexpr char CHANNEL_EYECATCHER[8] = {'K', 'V', 'L', 'C', 'H', 'A', 'N', 'N'};
-constexpr char CONTAINER_EYECATCHER[8] = {'K', 'V', 'L', 'C', 'O', 'N', 'T', 'A'};
+constexpr char CLAPI_CHANNEL_EYECATCHER[8] = {'K', 'V', 'L', 'C', 'H', 'A', 'N', 'N'};
+constexpr char CLAPI_CONTAINER_EYECATCHER[8] = {'K', 'V', 'L', 'C', 'O', 'N', 'T', 'A'};
 
 // Head of the process-wide channel list, newest first. Its links are guarded by
 // clapiChannelListLock; each channel's own fields by its serlock.
