@@ -1,0 +1,274 @@
+// One connection's reader: takes flows off the socket one at a time, records
+// them, and hands requests on. A malformed flow closes the connection.
+#include <cstring>
+
+#include "emulator_impl.h"
+
+namespace kvlemu {
+
+namespace {
+
+constexpr size_t kReadChunk = 64 * 1024;
+
+// Buffered reads from a socket.
+class SocketReader {
+public:
+    explicit SocketReader(net::Socket s) : sock_(s), buf_(kReadChunk) {}
+
+    // False when the stream ended (or failed) before any byte of a new flow.
+    bool more() { return len_ > pos_ || fill(); }
+
+    bool read(uint8_t* dst, size_t n) {
+        while (n > 0) {
+            if (pos_ == len_ && !fill()) return false;
+            size_t k = std::min(n, len_ - pos_);
+            std::memcpy(dst, buf_.data() + pos_, k);
+            pos_ += k;
+            dst += k;
+            n -= k;
+        }
+        return true;
+    }
+
+private:
+    bool fill() {
+        long got = net::recvSome(sock_, buf_.data(), buf_.size());
+        if (got <= 0) return false;
+        pos_ = 0;
+        len_ = static_cast<size_t>(got);
+        return true;
+    }
+
+    net::Socket sock_;
+    std::vector<uint8_t> buf_;
+    size_t pos_ = 0;
+    size_t len_ = 0;
+};
+
+// Bytes of one flow: at most `budget` of them, each appended to the record.
+class FlowSource : public wire::Source {
+public:
+    FlowSource(SocketReader& in, wire::Bytes& raw, uint64_t budget) : in_(in), raw_(raw), budget_(budget) {}
+
+    bool take(uint8_t* dst, size_t n) override {
+        if (n > budget_ || !in_.read(dst, n)) return false;
+        raw_.insert(raw_.end(), dst, dst + n);
+        budget_ -= n;
+        return true;
+    }
+    uint64_t remaining() const override { return budget_; }
+
+    bool skip(uint64_t n) {
+        uint8_t scratch[4096];
+        while (n > 0) {
+            size_t k = n < sizeof scratch ? static_cast<size_t>(n) : sizeof scratch;
+            if (!take(scratch, k)) return false;
+            n -= k;
+        }
+        return true;
+    }
+
+private:
+    SocketReader& in_;
+    wire::Bytes& raw_;
+    uint64_t budget_;
+};
+
+bool startsWith(const std::string& text, const char* prefix) {
+    return !text.empty() && std::strncmp(prefix, text.c_str(), text.size()) == 0;
+}
+
+std::string describe(const RecordedFlow& f) {
+    std::string s = "conn " + std::to_string(f.connection) + " <- " + wire::flowTypeName(f.header.flowType) + " " +
+                    f.header.requestType + " id=" + std::to_string(f.header.messageId) +
+                    " len=" + std::to_string(f.header.bodyLength) + " " + recordedKindName(f.kind);
+    if (f.eci && f.eci->isCall())
+        s += " program=" + wire::fieldText(f.eci->program) + " server=" + wire::fieldText(f.eci->serverName) +
+             " commarea=" + std::to_string(f.eci->commareaLength) + " extend=" + std::to_string(f.eci->extendMode) +
+             " luw=" + std::to_string(f.eci->luwToken) + (f.eci->channel ? " channel" : "");
+    if (f.esi) s += " userid=" + wire::fieldText(f.esi->userid) + " type=" + std::to_string(f.esi->type);
+    if (!f.error.empty()) s += " error: " + f.error;
+    return s;
+}
+
+}  // namespace
+
+void Emulator::Impl::record(RecordedFlow&& flow) {
+    log(1, describe(flow), &flow.raw);
+    std::lock_guard<std::mutex> lock(m);
+    flow.sequence = nextSequence++;
+    ++flowTotal;
+    if (recordLimit > 0) {
+        if (flows.size() >= recordLimit) flows.pop_front();
+        flows.push_back(std::move(flow));
+    }
+    cv.notify_all();
+}
+
+void Emulator::Impl::markClosed(Connection& conn) {
+    std::lock_guard<std::mutex> lock(m);
+    for (auto& [token, calls] : conn.luws) luwEvents.push_back({conn.index, token, LuwEvent::Kind::Abandoned});
+    conn.luws.clear();
+    infos[conn.index].open = false;
+    conn.readerDone = true;
+    cv.notify_all();
+}
+
+void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
+    HandshakeMode mode;
+    uint32_t maxBody;
+    {
+        std::lock_guard<std::mutex> lock(m);
+        mode = handshakeMode;
+        maxBody = maxBodyLength;
+    }
+    if (mode == HandshakeMode::DropOnAccept) {
+        drop(*conn, "dropped on accept");
+        markClosed(*conn);
+        return;
+    }
+
+    SocketReader in(conn->sock);
+    for (;;) {
+        if (!in.more()) {
+            log(1, "conn " + std::to_string(conn->index) + " ended by the peer");
+            break;
+        }
+        RecordedFlow rec;
+        rec.connection = conn->index;
+        FlowSource head(in, rec.raw, wire::kHeaderFixedSize + wire::kMaxRequestTypeLength);
+        std::string error;
+        bool ok = wire::decodeHeader(head, rec.header, error);
+        if (ok && rec.header.bodyLength > maxBody) {
+            error = "body length " + std::to_string(rec.header.bodyLength) + " above the limit";
+            ok = false;
+        }
+        FlowSource body(in, rec.raw, ok ? rec.header.bodyLength : 0);
+        // Bytes the client declares but does not send (four per container of a channel request).
+        uint64_t allowance = 0;
+
+        const wire::Header& h = rec.header;
+        if (ok) {
+            switch (h.flowType) {
+                case wire::kFlowHandshake:
+                    rec.kind = RecordedFlow::Kind::Handshake;
+                    rec.handshake.emplace();
+                    ok = wire::decodeHandshakeBody(body, *rec.handshake, error);
+                    break;
+                case wire::kFlowClose:
+                    rec.kind = RecordedFlow::Kind::Close;
+                    break;
+                case wire::kFlowRequest:
+                    if (startsWith(h.requestType, "ECI")) {
+                        rec.eci.emplace();
+                        ok = wire::decodeEciRequestBody(body, *rec.eci, error);
+                        rec.kind = rec.eci->isCall()                              ? RecordedFlow::Kind::EciCall
+                                   : rec.eci->requestType == wire::kEciListSystems ? RecordedFlow::Kind::ListSystems
+                                                                                   : RecordedFlow::Kind::Other;
+                        if (ok && rec.eci->channel) allowance = 4 * uint64_t{rec.eci->channel->containers.size()};
+                    } else if (startsWith(h.requestType, "ESI")) {
+                        rec.kind = RecordedFlow::Kind::Esi;
+                        rec.esi.emplace();
+                        ok = wire::decodeEsiRequestBody(body, *rec.esi, error);
+                    }
+                    break;
+                default:
+                    break;
+            }
+        }
+        if (ok && body.remaining() > 0 && body.remaining() != allowance && !body.skip(body.remaining())) {
+            error = "connection ended inside the body";
+            ok = false;
+        }
+        rec.bodyBytesRead = ok ? static_cast<uint32_t>(h.bodyLength - body.remaining()) : 0;
+        if (!ok) {
+            rec.kind = RecordedFlow::Kind::Malformed;
+            rec.error = error;
+            record(std::move(rec));
+            drop(*conn, "malformed flow");
+            break;
+        }
+
+        const RecordedFlow::Kind kind = rec.kind;
+        const wire::Header header = rec.header;
+        std::optional<wire::EciRequest> eci = rec.eci;
+        std::optional<wire::EsiRequest> esi = rec.esi;
+        std::optional<wire::Handshake> hs = rec.handshake;
+        record(std::move(rec));
+
+        bool closeNow = false;
+        switch (kind) {
+            case RecordedFlow::Kind::Handshake: {
+                {
+                    std::lock_guard<std::mutex> lock(m);
+                    mode = handshakeMode;
+                    auto& info = infos[conn->index];
+                    info.applid = wire::latin1FromUtf8(hs->applidUtf8);
+                    info.qualifier = wire::latin1FromUtf8(hs->qualifierUtf8);
+                    info.handshaken = true;
+                    cv.notify_all();
+                }
+                switch (mode) {
+                    case HandshakeMode::Accept:
+                        send(*conn, flows::handshakeAccepted(), "HANDSHAKE");
+                        break;
+                    case HandshakeMode::AcceptThenDrop:
+                        send(*conn, flows::handshakeAccepted(), "HANDSHAKE");
+                        closeNow = true;
+                        break;
+                    case HandshakeMode::Refuse: {
+                        int32_t code;
+                        {
+                            std::lock_guard<std::mutex> lock(m);
+                            code = refuseRc;
+                        }
+                        send(*conn, flows::error(wire::kHandshakeMessageId, code, "BASE"), "ERROR (handshake refused)");
+                        break;
+                    }
+                    case HandshakeMode::DropOnHandshake:
+                    case HandshakeMode::DropOnAccept:
+                        closeNow = true;
+                        break;
+                    case HandshakeMode::Silent:
+                        break;
+                }
+                break;
+            }
+            case RecordedFlow::Kind::Close:
+                if (header.messageId == wire::kCloseMessageId) {
+                    send(*conn, flows::close(), "CLOSE");
+                    closeNow = true;
+                }
+                break;
+            case RecordedFlow::Kind::EciCall: {
+                std::lock_guard<std::mutex> lock(m);
+                if (stopping) break;
+                ++conn->activeWorkers;
+                conn->workers.emplace_back([this, conn, header, request = std::move(*eci)]() mutable {
+                    runEciCall(conn, header, std::move(request));
+                    std::lock_guard<std::mutex> done(m);
+                    --conn->activeWorkers;
+                    cv.notify_all();
+                });
+                break;
+            }
+            case RecordedFlow::Kind::ListSystems:
+                answerListSystems(*conn, header, *eci);
+                break;
+            case RecordedFlow::Kind::Esi:
+                answerEsi(*conn, header, *esi);
+                break;
+            default:
+                if (header.flowType == wire::kFlowRequest) {
+                    deliver(*conn, header, flows::error(header.messageId, rc::kInvalidRequestType, header.requestType),
+                            std::nullopt);
+                }
+                break;
+        }
+        if (closeNow) break;
+    }
+    drop(*conn, "connection closed");
+    markClosed(*conn);
+}
+
+}  // namespace kvlemu

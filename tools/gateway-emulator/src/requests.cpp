@@ -1,0 +1,260 @@
+// What the emulated server does with ECI, list-systems and ESI requests.
+#include <algorithm>
+
+#include "emulator_impl.h"
+
+namespace kvlemu {
+
+namespace {
+
+wire::Header replyHeader(const wire::Header& request) {
+    wire::Header h;
+    h.flowType = wire::kFlowReply;
+    h.messageId = request.messageId;
+    h.requestType = request.requestType;
+    return h;
+}
+
+// A reply that carries no program output: nothing of the COMMAREA comes back.
+wire::EciReply failedReply(const wire::EciRequest& req, int32_t code, const std::string& abend = "") {
+    wire::EciReply r;
+    r.requestType = req.requestType;
+    r.rc = code;
+    r.abend = abend;
+    r.commareaLength = req.commareaLength;
+    r.explicitCount = true;
+    r.count = 0;
+    return r;
+}
+
+wire::EciReply programReply(const wire::EciRequest& req, ProgramResult& result) {
+    wire::EciReply r;
+    r.requestType = req.requestType;
+    r.rc = result.rc;
+    r.abend = result.abend;
+    r.commareaLength = req.commareaLength;
+    if (req.carriesCommarea()) {
+        int32_t n = result.returnLength < 0 ? req.commareaLength : std::min(result.returnLength, req.commareaLength);
+        if (req.inboundLength > 0) n = std::min(n, req.inboundLength);
+        result.commarea.resize(static_cast<size_t>(req.commareaLength), 0);
+        r.commarea.assign(result.commarea.begin(), result.commarea.begin() + n);
+        r.explicitCount = n < req.commareaLength;
+        r.count = n;
+    }
+    if (req.channel) {
+        if (result.channel) {
+            r.channel = std::move(result.channel);
+        } else {
+            wire::Channel ch = *req.channel;
+            for (auto& c : ch.containers) c.state = wire::kContainerUnchanged;
+            r.channel = std::move(ch);
+        }
+    }
+    return r;
+}
+
+}  // namespace
+
+int32_t Emulator::Impl::route(const std::string& serverField, ServerInfo& out) {
+    std::string name = wire::fieldText(serverField);
+    if (name.empty()) {
+        if (servers.empty()) return rc::kNoServer;
+        out = servers.front();
+        return 0;
+    }
+    for (const auto& s : servers)
+        if (s.name == name) {
+            out = s;
+            return 0;
+        }
+    return rc::kUnknownServer;
+}
+
+void Emulator::Impl::runEciCall(std::shared_ptr<Connection> conn, wire::Header header, wire::EciRequest req) {
+    const std::string program = wire::fieldText(req.program);
+    ProgramCall call;
+    call.connection = conn->index;
+    call.messageId = header.messageId;
+    call.requestType = req.requestType;
+    call.program = program;
+    call.userid = wire::fieldText(req.userid);
+    call.password = req.password;
+    call.tranId = wire::fieldText(req.tranId);
+    call.extendMode = req.extendMode;
+    call.timeout = req.timeout;
+    call.commareaLength = req.commareaLength;
+    call.inboundLength = req.inboundFlag ? req.inboundLength : 0;
+    call.outboundLength = req.outboundFlag ? req.outboundLength : 0;
+    call.commarea = req.commarea;
+    call.commarea.resize(static_cast<size_t>(req.commareaLength), 0);
+    call.channel = req.channel;
+    call.sleepFor = [this](int ms) { return sleepFor(ms); };
+    call.waitGate = [this](const std::string& gate) { return waitGate(gate); };
+
+    std::optional<Fault> fault;
+    Program fn;
+    int32_t failure = 0;
+    std::string failureAbend;
+    bool opensLuw = false;
+    {
+        std::lock_guard<std::mutex> lock(m);
+        fault = takeTrigger(program);
+        ServerInfo server;
+        failure = route(req.serverName, server);
+        call.server = server.name;
+        if (failure == 0 && server.checkSecurity) {
+            auto u = users.find(call.userid);
+            if (u == users.end() || u->second.revoked || u->second.expired || u->second.password != call.password)
+                failure = rc::kSecurityError;
+        }
+        if (failure == 0) {
+            auto& luws = conn->luws;
+            auto open = luws.find(req.luwToken);
+            bool known = req.luwToken != 0 && open != luws.end();
+            switch (req.extendMode) {
+                case 0:
+                case 1:
+                    if (req.luwToken != 0 && !known) {
+                        failure = rc::kLuwToken;
+                    } else if (known) {
+                        call.luwToken = req.luwToken;
+                        call.luwCallNumber = open->second + 1;
+                    } else if (req.extendMode == 1) {
+                        call.luwToken = nextLuwToken++;
+                        call.luwCallNumber = 1;
+                        opensLuw = true;
+                    }
+                    break;
+                case 2:
+                case 4:
+                    if (!known) {
+                        failure = rc::kLuwToken;
+                    } else {
+                        luws.erase(open);
+                        luwEvents.push_back({conn->index, req.luwToken,
+                                             req.extendMode == 2 ? LuwEvent::Kind::Committed
+                                                                 : LuwEvent::Kind::BackedOut});
+                        cv.notify_all();
+                    }
+                    break;
+                default:
+                    failure = rc::kInvalidExtendMode;
+                    break;
+            }
+        }
+        if (failure == 0 && req.carriesCommarea()) {
+            auto p = programs.find(program);
+            if (p == programs.end()) {
+                failure = rc::kTransactionAbend;
+                failureAbend = kUnknownProgramAbend;
+            } else {
+                fn = p->second;
+                ++callCounts[program];
+                cv.notify_all();
+            }
+        }
+    }
+
+    wire::EciReply reply;
+    if (failure != 0) {
+        reply = failedReply(req, failure, failureAbend);
+    } else if (!req.carriesCommarea()) {
+        // Commit or back-out: no program runs and no COMMAREA travels.
+        reply.requestType = req.requestType;
+        reply.commareaLength = req.commareaLength;
+    } else {
+        ProgramResult result;
+        try {
+            result = fn(call);
+        } catch (...) {
+            result = ProgramResult{};
+            result.rc = rc::kTransactionAbend;
+            result.abend = "EXCP";
+        }
+        reply = programReply(req, result);
+        std::lock_guard<std::mutex> lock(m);
+        const bool inLuw = call.luwToken != 0;
+        if (inLuw && result.rc != 0) {
+            // A failing program ends its unit of work by backing it out.
+            if (!opensLuw) {
+                conn->luws.erase(call.luwToken);
+                luwEvents.push_back({conn->index, call.luwToken, LuwEvent::Kind::BackedOut});
+            }
+        } else if (inLuw && req.extendMode == 1) {
+            conn->luws[call.luwToken] = call.luwCallNumber;
+            if (opensLuw) luwEvents.push_back({conn->index, call.luwToken, LuwEvent::Kind::Opened});
+            reply.luwToken = call.luwToken;
+        } else if (inLuw) {
+            // Extend mode 0 inside a unit of work: its last call, which commits it.
+            conn->luws.erase(call.luwToken);
+            luwEvents.push_back({conn->index, call.luwToken, LuwEvent::Kind::Committed});
+        }
+        cv.notify_all();
+    }
+    deliver(*conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault);
+}
+
+void Emulator::Impl::answerListSystems(Connection& conn, const wire::Header& header, const wire::EciRequest& req) {
+    wire::EciReply reply;
+    reply.requestType = wire::kEciListSystems;
+    std::optional<Fault> fault;
+    {
+        std::lock_guard<std::mutex> lock(m);
+        fault = takeTrigger(kTriggerListSystems);
+        const size_t total = servers.size();
+        const size_t capacity = req.listParm > 0 ? static_cast<size_t>(req.listParm) : 0;
+        const size_t shown = std::min(total, capacity);
+        reply.listParm = static_cast<int32_t>(total);
+        reply.rc = total == 0 ? rc::kNoSystems : total > capacity ? rc::kMoreSystems : 0;
+        for (size_t i = 0; i < shown; ++i) {
+            wire::Bytes e = wire::encodeSystemEntry(servers[i].name, servers[i].description);
+            reply.commarea.insert(reply.commarea.end(), e.begin(), e.end());
+        }
+    }
+    deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault);
+}
+
+void Emulator::Impl::answerEsi(Connection& conn, const wire::Header& header, const wire::EsiRequest& req) {
+    wire::EsiReply reply;
+    std::optional<Fault> fault;
+    {
+        std::lock_guard<std::mutex> lock(m);
+        fault = takeTrigger(kTriggerEsi);
+        const std::string userid = wire::fieldText(req.userid);
+        ServerInfo server;
+        auto u = users.find(userid);
+        if (userid.empty()) {
+            reply.rc = rc::kEsiNullUserid;
+        } else if (req.password.empty()) {
+            reply.rc = rc::kEsiNullPassword;
+        } else if (req.type == 1 && req.newPassword.empty()) {
+            reply.rc = rc::kEsiNullNewPassword;
+        } else if (req.type != 0 && req.type != 1) {
+            reply.rc = -9;
+        } else if (int32_t routed = route(req.server, server); routed != 0) {
+            reply.rc = routed;
+        } else if (u == users.end()) {
+            reply.rc = rc::kEsiUseridInvalid;
+        } else if (u->second.forcedRc != 0) {
+            reply.rc = u->second.forcedRc;
+        } else if (u->second.revoked) {
+            reply.rc = rc::kSecurityError;
+        } else if (u->second.password != req.password) {
+            reply.rc = rc::kEsiPasswordInvalid;
+        } else if (req.type == 0 && u->second.expired) {
+            reply.rc = rc::kEsiPasswordExpired;
+        } else if (req.type == 1 && (u->second.rejectNewPassword || req.newPassword == req.password ||
+                                     req.newPassword.size() > 8)) {
+            reply.rc = rc::kEsiPasswordRejected;
+        } else {
+            if (req.type == 1) {
+                u->second.password = req.newPassword;
+                u->second.expired = false;
+            }
+            reply.details = u->second.details;
+        }
+    }
+    deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEsiReplyBody(reply)), fault);
+}
+
+}  // namespace kvlemu

@@ -1,0 +1,150 @@
+// Everything the emulator writes to a connection, faults included.
+#include "emulator_impl.h"
+
+namespace kvlemu {
+
+namespace flows {
+
+namespace {
+wire::Header base(int32_t flowType, int32_t messageId, const std::string& requestType = "BASE") {
+    wire::Header h;
+    h.flowType = flowType;
+    h.messageId = messageId;
+    h.requestType = requestType;
+    return h;
+}
+}  // namespace
+
+wire::Bytes ping(int32_t messageId) { return wire::encodeFlow(base(wire::kFlowPing, messageId), {}); }
+
+wire::Bytes close() { return wire::encodeFlow(base(wire::kFlowClose, wire::kCloseMessageId), {}); }
+
+wire::Bytes exception(int32_t messageId, const std::string& text) {
+    return wire::encodeFlow(base(wire::kFlowException, messageId), wire::encodeExceptionBody(text));
+}
+
+wire::Bytes error(int32_t messageId, int32_t code, const std::string& requestType) {
+    wire::Header h = base(wire::kFlowError, messageId, requestType.empty() ? "BASE" : requestType);
+    h.rc = code;
+    return wire::encodeFlow(h, {});
+}
+
+wire::Bytes strayReply(int32_t messageId) {
+    wire::EciReply r;
+    return wire::encodeFlow(base(wire::kFlowReply, messageId, "ECI"), wire::encodeEciReplyBody(r));
+}
+
+wire::Bytes handshakeAccepted() {
+    // The same layout as the request, with no applid: the client only skips it.
+    return wire::encodeFlow(base(wire::kFlowHandshake, wire::kHandshakeMessageId),
+                            wire::encodeHandshakeBody(wire::Handshake{}));
+}
+
+}  // namespace flows
+
+namespace {
+std::string sentLine(const Connection& conn, const wire::Bytes& flow, const char* what) {
+    return "conn " + std::to_string(conn.index) + " -> " + what + " (" + std::to_string(flow.size()) + " bytes)";
+}
+}  // namespace
+
+bool Emulator::Impl::send(Connection& conn, const wire::Bytes& flow, const char* what) {
+    bool ok;
+    {
+        std::lock_guard<std::mutex> lock(conn.sendMutex);
+        ok = !conn.dropped && net::sendAll(conn.sock, flow.data(), flow.size());
+    }
+    log(1, sentLine(conn, flow, what) + (ok ? "" : " NOT SENT"), &flow);
+    return ok;
+}
+
+void Emulator::Impl::drop(Connection& conn, const char* why) {
+    {
+        std::lock_guard<std::mutex> lock(conn.sendMutex);
+        if (conn.dropped.exchange(true)) return;
+        net::shutdownBoth(conn.sock);
+    }
+    log(1, "conn " + std::to_string(conn.index) + " closed: " + why);
+}
+
+void Emulator::Impl::deliver(Connection& conn, const wire::Header& request, const wire::Bytes& replyFlow,
+                             const std::optional<Fault>& fault) {
+    auto counted = [&](bool sent) {
+        if (!sent) return;
+        std::lock_guard<std::mutex> lock(m);
+        ++replies;
+        cv.notify_all();
+    };
+    const int32_t id = fault && fault->messageId ? *fault->messageId : request.messageId;
+    if (!fault) {
+        counted(send(conn, replyFlow, "REPLY"));
+        return;
+    }
+    switch (fault->kind) {
+        case Fault::Kind::Ping:
+            send(conn, flows::ping(id), "PING (fault)");
+            counted(send(conn, replyFlow, "REPLY"));
+            break;
+        case Fault::Kind::Exception:
+            counted(send(conn, flows::exception(id, fault->text), "EXCEPTION (fault)"));
+            break;
+        case Fault::Kind::ErrorFlow:
+            counted(send(conn, flows::error(id, fault->rc, request.requestType), "ERROR (fault)"));
+            break;
+        case Fault::Kind::CloseFlow:
+            send(conn, flows::close(), "CLOSE (fault)");
+            drop(conn, "close flow sent");
+            break;
+        case Fault::Kind::StrayReply:
+            send(conn, flows::strayReply(id), "REPLY for nobody (fault)");
+            counted(send(conn, replyFlow, "REPLY"));
+            break;
+        case Fault::Kind::Garbage:
+            send(conn, fault->bytes.empty() ? Fault::garbage().bytes : fault->bytes, "GARBAGE (fault)");
+            break;
+        case Fault::Kind::Drop:
+            drop(conn, "dropped instead of replying (fault)");
+            break;
+        case Fault::Kind::DropMidReply: {
+            size_t headerSize = request.requestType.size() + wire::kHeaderFixedSize;
+            size_t cut = replyFlow.size() > headerSize ? headerSize + (replyFlow.size() - headerSize) / 2
+                                                       : replyFlow.size() / 2;
+            send(conn, wire::Bytes(replyFlow.begin(), replyFlow.begin() + static_cast<std::ptrdiff_t>(cut)),
+                 "PART OF REPLY (fault)");
+            drop(conn, "dropped in the middle of a reply (fault)");
+            break;
+        }
+        case Fault::Kind::NoReply:
+            log(1, "conn " + std::to_string(conn.index) + " reply to id " + std::to_string(request.messageId) +
+                       " swallowed (fault)");
+            break;
+    }
+}
+
+bool Emulator::Impl::injectNow(Connection& conn, const Fault& fault) {
+    const int32_t id = fault.messageId.value_or(0);
+    switch (fault.kind) {
+        case Fault::Kind::Ping:
+            return send(conn, flows::ping(id), "PING (injected)");
+        case Fault::Kind::Exception:
+            return send(conn, flows::exception(id, fault.text), "EXCEPTION (injected)");
+        case Fault::Kind::ErrorFlow:
+            return send(conn, flows::error(id, fault.rc, "ECI"), "ERROR (injected)");
+        case Fault::Kind::CloseFlow: {
+            bool ok = send(conn, flows::close(), "CLOSE (injected)");
+            drop(conn, "close flow sent");
+            return ok;
+        }
+        case Fault::Kind::StrayReply:
+            return send(conn, flows::strayReply(id), "REPLY for nobody (injected)");
+        case Fault::Kind::Garbage:
+            return send(conn, fault.bytes.empty() ? Fault::garbage().bytes : fault.bytes, "GARBAGE (injected)");
+        case Fault::Kind::Drop:
+            drop(conn, "dropped (injected)");
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace kvlemu
