@@ -1,0 +1,29 @@
+// Connecting a Gateway token: address lookup, socket set-up, the receiver
+// thread and the handshake; the close flow and the token's socket.
+#pragma once
+
+#include <cstdint>
+
+#include "gateway/clapi_gwytok.h"
+#include "platform/platform.h"
+
+// 0 when the Gateway accepted the handshake; otherwise -132, -118, -134, -9 or
+// the closeRc the receiver thread recorded. On failure the token's socket is
+// closed (or, once the receiver thread runs, shut down for it to close).
+int clapiConnectToGateway(int32_t port, const char* ipAddr, kvlGatewayToken* gwTokPtr, const char* applid,
+                          const char* applidQualifier);
+// Sends the close request under the send lock: 0, a socket buffer code or -9.
+int clapiCloseConnection(kvlGatewayToken* conn);
+
+int getHostInfo(const char* address, int32_t port, platformAddress* hostInfo);
+int waitForConnection(platformSocket* socketDescriptorPtr, int* sockError, int32_t connTimeout);
+int closeSocket(platformSocket socket);
+
+// The connection's only reader; argument: the token. Started by clapiConnectToGateway.
+void receiverThread(void* conn);
+
+// Closes the token's socket if nobody has yet (under the send lock).
+void clapiCloseTokenSocket(kvlGatewayToken* token);
+// Stops both directions of the token's socket, which wakes a blocked receiver
+// thread; the receiver thread then closes it.
+void clapiShutdownTokenSocket(kvlGatewayToken* token);
