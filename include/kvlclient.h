@@ -61,6 +61,21 @@ KVL_API int KVL_getDLLVersion(char** dllVersPtr);
 /* Copies the name of rc into rcString (KVL_RC_STRING_LENGTH bytes); returns rcString. */
 KVL_API char* KVL_getRcString(int rc, char* rcString);
 
+/* Connections. port 1..65535; connTimeout and closeTimeout 0..3600 seconds
+ * (connTimeout 0: the connect is not bounded; closeTimeout 0: the purge does not
+ * wait for calls in flight). applid and qualifier: at most 8 characters; the
+ * environment variables KVL_APPLID and KVL_APPLIDQUALIFIER, when set, replace them.
+ * Close and purge set *gwTokPtr to NULL on success. */
+KVL_API int KVL_openRemoteGatewayConnection(const char* hostname, int port, gwTok* gwTokPtr, int connTimeout);
+KVL_API int KVL_openRemoteGatewayConnectionApplid(const char* hostname, int port, gwTok* gwTokPtr, int connTimeout,
+                                                  const char* applid, const char* applidQualifier);
+KVL_API int KVL_closeGatewayConnection(gwTok* gwTokPtr);
+KVL_API int KVL_purgeGatewayConnection(gwTok* gwTokPtr, int closeTimeout);
+KVL_API int KVL_closeAllGatewayConnections(void);
+/* The strings belong to the connection and stay valid until it is closed. */
+KVL_API int KVL_getApplid(gwTok token, char** applid);
+KVL_API int KVL_getApplidQualifier(gwTok token, char** applidQualifier);
+
 KVL_EXTERN_C_END
 
 #endif
