@@ -1,7 +1,6 @@
 // Channel and container names, and the CCSID of the process's code page.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "eci/clapi_channel.h"
@@ -83,22 +82,3 @@ TEST(ChannelCcsid, CurrentCcsidFollowsTheProcessCodePage) {
     EXPECT_EQ(kvltest::traceMessage(trace.linesWithId(1441).at(0)),
               "clapi_channel.getCurrentCcsid() rc=0, *ccsidPtr=" + std::to_string(ccsid));
 }
-
-#ifndef _WIN32
-TEST(ChannelCcsid, LocaleCodeSetOnLinux) {
-    const char* saved = getenv("LC_ALL");
-    std::string keep = saved ? saved : "";
-    setenv("LC_ALL", "en_US.CP1252", 1);
-    int ccsid = 0;
-    getCurrentCcsid(&ccsid);
-    EXPECT_EQ(ccsid, 5348);
-    setenv("LC_ALL", "ja_JP.SJIS", 1);
-    getCurrentCcsid(&ccsid);
-    EXPECT_EQ(ccsid, 943);
-    if (saved) {
-        setenv("LC_ALL", keep.c_str(), 1);
-    } else {
-        unsetenv("LC_ALL");
-    }
-}
-#endif
