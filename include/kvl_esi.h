@@ -3,6 +3,9 @@
 #define KVL_ESI_H
 
 #include "kvl_export.h"
+#include "kvlclient.h"
+
+struct tm;
 
 /* ESI return codes. ESI_ERR_MAX_SYSTEMS and ESI_ERR_MAX_SESSIONS are the names of the
  * Gateway's -28 and -29; the library returns them as -316 and -317. */
@@ -43,5 +46,19 @@ typedef struct esiDetails {
     EsiTime lastAccessTime;
     int invalidAttemptCount;
 } esiDetails;
+
+KVL_EXTERN_C_BEGIN
+
+/* Verifies a user's password on a server (server may be NULL: the Gateway's default).
+ * On success the details are filled in; on failure they are left untouched. */
+KVL_API int KVL_ESI_verifyPassword(gwTok token, const char* userid, const char* password, const char* server,
+                                   esiDetails* esiDetailsPtr);
+/* Changes a user's password; details as for KVL_ESI_verifyPassword. */
+KVL_API int KVL_ESI_changePassword(gwTok token, const char* userid, const char* oldPassword,
+                                   const char* newPassword, const char* server, esiDetails* esiDetailsPtr);
+/* Fills *result from an EsiTime (year 0 clears it); tm_yday counts from 1. Returns result. */
+KVL_API struct tm* KVL_ESI_convertTime(const EsiTime* esiTime, struct tm* result);
+
+KVL_EXTERN_C_END
 
 #endif

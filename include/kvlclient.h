@@ -40,6 +40,12 @@
 /* KVL_getRcString copies a name into a buffer of this many bytes. */
 #define KVL_RC_STRING_LENGTH 40
 
+/* One server known to the Gateway: a 70-byte record, as the Gateway sends it. */
+typedef struct kvlSystemInfo {
+    char SystemName[9];         /* up to 8 characters, NUL-terminated */
+    char SystemDescription[61]; /* as sent by the Gateway */
+} kvlSystemInfo;
+
 /* An open Gateway connection; opaque. */
 typedef struct kvlGatewayToken* gwTok;
 
@@ -75,6 +81,11 @@ KVL_API int KVL_closeAllGatewayConnections(void);
 /* The strings belong to the connection and stay valid until it is closed. */
 KVL_API int KVL_getApplid(gwTok token, char** applid);
 KVL_API int KVL_getApplidQualifier(gwTok token, char** applidQualifier);
+
+/* Lists the servers the Gateway knows. *Systems: on entry the capacity of List,
+ * on return the number the Gateway reported (which may exceed the capacity; then
+ * the result is KVL_ERR_MORE_SYSTEMS and only the capacity was written). */
+KVL_API int KVL_listSystems(gwTok token, unsigned short* Systems, kvlSystemInfo* List);
 
 KVL_EXTERN_C_END
 

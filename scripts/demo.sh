@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the library and runs the demo: the example programs against the bundled
-# Gateway emulator on loopback.
+# Gateway emulator, started on a free loopback port and stopped at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,5 +9,40 @@ cmake --preset linux >/dev/null
 cmake --build --preset linux -j "$(nproc)"
 
 bin=build/linux/bin
-echo "--- library versions and return-code names"
+workdir=$(mktemp -d)
+emulator_pid=
+cleanup() {
+  [[ -n "$emulator_pid" ]] && kill "$emulator_pid" 2>/dev/null && wait "$emulator_pid" 2>/dev/null
+  rm -rf "$workdir"
+}
+trap cleanup EXIT
+
+"$bin/kvl-gateway-emulator" --address 127.0.0.1 --port 0 --config examples/demo-gateway.conf \
+  --port-file "$workdir/port" --verbose 1 >"$workdir/emulator.log" 2>&1 &
+emulator_pid=$!
+for _ in $(seq 1 100); do
+  [[ -s "$workdir/port" ]] && break
+  sleep 0.1
+done
+[[ -s "$workdir/port" ]] || { echo "the emulator did not start"; cat "$workdir/emulator.log"; exit 1; }
+port=$(cat "$workdir/port")
+echo "=== Gateway emulator listening on 127.0.0.1:$port"
+
+echo; echo "=== library versions and return-code names"
 "$bin/kvl_versions_example"
+
+echo; echo "=== a connection: open, applid, state dump, close"
+"$bin/kvl_connection_example" 127.0.0.1 "$port" 2>&1
+
+for extra in eci channel; do
+  if [[ -x "$bin/kvl_${extra}_example" ]]; then
+    echo; echo "=== ${extra} program calls"
+    "$bin/kvl_${extra}_example" 127.0.0.1 "$port" 2>&1
+  fi
+done
+
+echo; echo "=== password verification and the list of servers"
+"$bin/kvl_security_example" 127.0.0.1 "$port" DEMOUSER SECRET1 2>&1
+
+echo; echo "=== what the emulator saw"
+cat "$workdir/emulator.log"

@@ -2,9 +2,11 @@
 #include <cerrno>
 #include <cstring>
 
+#include "gateway/clapi_gwytok.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
 #include "impl/clapi_tracestate.h"
+#include "kvl_channel.h"
 #include "kvlclient.h"
 
 extern "C" {
@@ -126,6 +128,8 @@ KVL_API int KVL_dumpState(void) {
     clapiTraceOutputPrintf("kvlclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
                            "9.1.0.4", clapiTraceLevel.load(), clapiTraceFileName());
     clapiTraceOutputEnd();
+    clapiDumpGatewayTokens();
+    KVL_ECI_dumpChannels();
     int rc = KVL_OK;
     CLAPI_TRACE(EXIT, 1047, "API.KVL_dumpState() rc=%d (%s)\n", rc, clapiRcName(rc));
     return rc;
