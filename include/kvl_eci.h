@@ -3,6 +3,7 @@
 #define KVL_ECI_H
 
 #include "kvl_export.h"
+#include "kvlclient.h"
 
 /* Call types (eci_call_type). */
 #define ECI_SYNC 1
@@ -71,5 +72,23 @@ typedef struct EciParms {
 #define ECI_EXTENDED 1
 #define ECI_COMMIT 2
 #define ECI_BACKOUT 4
+
+/* Thread safety: any number of threads may run requests on one connection at once;
+ * each synchronous caller waits only for its own reply. A parameter block belongs to
+ * one call at a time. */
+
+KVL_EXTERN_C_BEGIN
+
+/* A program call with a COMMAREA (ECI_SYNC, ECI_ASYNC), or the retrieval of an
+ * asynchronous reply (ECI_GET_REPLY and the other retrieval call types). An
+ * ECI_ASYNC call returns once the request is sent and sets eci_msg_qual; the
+ * library keeps its own copy of the reply until it is retrieved. */
+KVL_API int KVL_ECI_Execute(gwTok gatewayToken, EciParms* parms);
+/* The same with a channel in eci_channel (eci_commarea must be NULL, eci_version
+ * at least 4). The channel belongs to the request until the reply has been applied
+ * to it: for ECI_ASYNC, until the reply is retrieved. */
+KVL_API int KVL_ECI_Execute_Channel(gwTok gatewayToken, EciParms* parms);
+
+KVL_EXTERN_C_END
 
 #endif
