@@ -1,0 +1,227 @@
+// Channel program calls end to end: containers changed by the server, large
+// data, asynchronous calls and the channel lock around a request.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "eci/clapi_channel.h"
+#include "eci_test_util.h"
+#include "trace_capture.h"
+
+using namespace ecitest;
+using kvltest::TraceCapture;
+
+namespace {
+
+class EciChannel : public EmulatorConnection {
+protected:
+    void SetUp() override {
+        EmulatorConnection::SetUp();
+        ASSERT_EQ(ECI_createChannel("TESTCHAN", &channel), ECI_NO_ERROR);
+    }
+    void TearDown() override {
+        EmulatorConnection::TearDown();
+        if (channel) {
+            EXPECT_EQ(ECI_deleteChannel(&channel), ECI_NO_ERROR);
+        }
+    }
+
+    void add(const std::string& name, const std::string& data, int type = ECI_BIT) {
+        ASSERT_EQ(ECI_createContainer(channel, name.c_str(), type, 0, data.data(), data.size()), ECI_NO_ERROR);
+    }
+
+    std::string dataOf(const std::string& name) {
+        EciContainerInfo info;
+        if (ECI_getContainerInfo(channel, name.c_str(), &info) != ECI_NO_ERROR) return "<missing>";
+        std::string out(static_cast<size_t>(info.dataLength), '\0');
+        size_t read = 0;
+        if (ECI_getContainerData(channel, name.c_str(), out.data(), out.size(), 0, &read) != ECI_NO_ERROR)
+            return "<unreadable>";
+        out.resize(read);
+        return out;
+    }
+
+    EciParms channelParms(short callType, const std::string& program) {
+        EciParms p = callParms(callType, program, nullptr, 0);
+        p.eci_channel = channel;
+        return p;
+    }
+
+    int32_t isLocked() {
+        clapiRequestLock(&channel->serlock);
+        int32_t locked = channel->isLocked;
+        clapiReleaseLock(&channel->serlock);
+        return locked;
+    }
+
+    chanTok channel = nullptr;
+};
+
+TEST_F(EciChannel, ServerAddsDeletesModifiesAndLeavesContainers) {
+    add("KEEP", "stays as it was");
+    add("CHANGE", "old");
+    add("DROP", "goes away");
+    add("EMUCTL", "MOD CHANGE new contents;DEL DROP;ADD FRESH added by the server");
+    TraceCapture trace(2);
+    EciParms p = channelParms(ECI_SYNC, "CHANCTL");
+    ASSERT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_NO_ERROR);
+
+    EXPECT_EQ(dataOf("KEEP"), "stays as it was");
+    EXPECT_EQ(dataOf("CHANGE"), "new contents");
+    EXPECT_EQ(dataOf("DROP"), "<missing>");
+    EXPECT_EQ(dataOf("FRESH"), "added by the server");
+    EciContainerInfo info;
+    ASSERT_EQ(ECI_getFirstContainer(channel, &info), ECI_NO_ERROR);
+    EXPECT_STREQ(info.name, "FRESH");  // added containers go to the head
+    EXPECT_EQ(info.type, ECI_CHAR);
+    EXPECT_EQ(isLocked(), 0);
+
+    auto flows = eciFlows();
+    ASSERT_EQ(flows.size(), 1u);
+    ASSERT_TRUE(flows[0].eci->channel.has_value());
+    EXPECT_EQ(kvlemu::wire::fieldText(flows[0].eci->channel->name), "TESTCHAN");
+    EXPECT_EQ(flows[0].eci->channel->containers.size(), 4u);
+    EXPECT_EQ(flows[0].eci->commareaLength, 0);
+
+    // The channel had no CCSID: it was given the process's, and said so once.
+    int ccsid = 0;
+    getCurrentCcsid(&ccsid);
+    EXPECT_EQ(channel->ccsid, ccsid);
+    EXPECT_EQ(flows[0].eci->channel->ccsid, ccsid);
+    auto lines = trace.linesWithId(1514);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("API.KVL_ECI_Execute_Channel() Channel \"TESTCHAN\" CCSID set to " + std::to_string(ccsid)),
+              std::string::npos);
+    // Without commands every container comes back unchanged; the CCSID is not set again.
+    ASSERT_EQ(ECI_deleteContainer(channel, "EMUCTL"), ECI_NO_ERROR);
+    ASSERT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_NO_ERROR);
+    EXPECT_EQ(trace.linesWithId(1514).size(), 1u);
+    EXPECT_EQ(dataOf("CHANGE"), "new contents");
+}
+
+TEST_F(EciChannel, LargeContainersTravelBothWays) {
+    Bytes big = pattern(3u << 20, 11);
+    Bytes bigger = pattern(5u << 20, 77);
+    ASSERT_EQ(ECI_createContainer(channel, "BIG", ECI_BIT, 0, big.data(), big.size()), ECI_NO_ERROR);
+    ASSERT_EQ(ECI_createContainer(channel, "BIGGER", ECI_BIT, 0, bigger.data(), bigger.size()), ECI_NO_ERROR);
+    EciParms p = channelParms(ECI_SYNC, "CHANECHO");
+    ASSERT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_NO_ERROR);
+    EXPECT_EQ(dataOf("BIG"), std::string(big.begin(), big.end()));
+    EXPECT_EQ(dataOf("BIGGER"), std::string(bigger.begin(), bigger.end()));
+    auto flows = eciFlows();
+    ASSERT_EQ(flows.size(), 1u);
+    const auto* sent = flows[0].eci->channel->find("BIGGER");
+    ASSERT_NE(sent, nullptr);
+    EXPECT_EQ(sent->data, bigger);
+}
+
+TEST_F(EciChannel, AsyncCallHoldsTheChannelUntilTheReplyIsCollected) {
+    add("ONE", "1");
+    EciParms p = channelParms(ECI_ASYNC, "GATE");
+    ASSERT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_NO_ERROR);
+    const int32_t qual = p.eci_msg_qual;
+    ASSERT_TRUE(emu.waitForGateWaiters(1, kWaitMs));
+    EXPECT_EQ(isLocked(), 1);
+    auto blocked = std::async(std::launch::async, [this] {
+        EciContainerInfo info;
+        return ECI_getContainerInfo(channel, "ONE", &info);
+    });
+    EXPECT_EQ(blocked.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+
+    emu.releaseGate();
+    ASSERT_TRUE(waitUntil([&] { return slotState(qual) == SLOT_REPLIED; }));
+    EXPECT_EQ(isLocked(), 1);  // replied, but not yet collected
+    EciParms get = retrievalParms(ECI_GET_REPLY_WAIT, nullptr, 0);
+    ASSERT_EQ(KVL_ECI_Execute_Channel(token, &get), ECI_NO_ERROR);
+    EXPECT_EQ(get.eci_channel, channel);
+    EXPECT_EQ(get.eci_msg_qual, qual);
+    ASSERT_EQ(blocked.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(blocked.get(), ECI_NO_ERROR);
+    EXPECT_EQ(dataOf("ONE"), "1");
+    EXPECT_EQ(isLocked(), 0);
+    EXPECT_EQ(asyncCount(), 0);
+}
+
+TEST_F(EciChannel, LostConnectionGivesTheChannelBack) {
+    add("DATA", "before");
+    EciParms p = channelParms(ECI_SYNC, "GATE");
+    auto call = std::async(std::launch::async, [&] { return KVL_ECI_Execute_Channel(token, &p); });
+    ASSERT_TRUE(emu.waitForGateWaiters(1, kWaitMs));
+    EXPECT_EQ(isLocked(), 1);
+    ASSERT_TRUE(emu.inject(kvlemu::Fault::drop()));
+    ASSERT_EQ(call.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(call.get(), KVL_ERR_LOSTGWCON);
+    EXPECT_EQ(isLocked(), 0);
+    add("AFTER", "usable");
+    EXPECT_EQ(dataOf("DATA"), "before");
+    EXPECT_EQ(dataOf("AFTER"), "usable");
+}
+
+TEST_F(EciChannel, LostConnectionUnlocksAnUncollectedAsyncChannelAtClose) {
+    add("DATA", "x");
+    EciParms p = channelParms(ECI_ASYNC, "GATE");
+    ASSERT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_NO_ERROR);
+    ASSERT_TRUE(emu.waitForGateWaiters(1, kWaitMs));
+    loseConnection();
+    EXPECT_EQ(isLocked(), 1);  // the failed reply waits to be collected
+    EXPECT_EQ(KVL_purgeGatewayConnection(&token, 0), KVL_OK);
+    EXPECT_EQ(isLocked(), 0);
+}
+
+TEST_F(EciChannel, CommitNeitherLocksNorSendsTheChannel) {
+    Bytes area(16, 0);
+    EciParms open = callParms(ECI_SYNC, "LUW", area.data(), area.size());
+    open.eci_extend_mode = ECI_EXTENDED;
+    ASSERT_EQ(KVL_ECI_Execute(token, &open), ECI_NO_ERROR);
+
+    ASSERT_EQ(lockChannel(channel), ECI_NO_ERROR);  // held elsewhere: a lock attempt would wait
+    EciParms p = channelParms(ECI_SYNC, "LUW");
+    p.eci_extend_mode = ECI_COMMIT;
+    p.eci_luw_token = open.eci_luw_token;
+    auto call = std::async(std::launch::async, [&] { return KVL_ECI_Execute_Channel(token, &p); });
+    bool finished = call.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(isLocked(), 1);
+    EXPECT_EQ(unlockChannel(channel), ECI_NO_ERROR);
+    ASSERT_EQ(call.get(), ECI_NO_ERROR);
+    auto flows = eciFlows();
+    ASSERT_EQ(flows.size(), 2u);
+    EXPECT_EQ(flows[1].eci->channelFlag, 0);
+    EXPECT_FALSE(flows[1].eci->channel.has_value());
+}
+
+TEST_F(EciChannel, ChecksComeInOrder) {
+    TraceCapture trace(1);
+    EciParms p = channelParms(ECI_SYNC, "CHANECHO");
+    p.eci_version = 3;
+    EXPECT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_ERR_INVALID_VERSION);
+    p.eci_version = 4;
+    p.eci_channel = nullptr;
+    EXPECT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_ERR_INVALID_CHANNEL);
+    Bytes area(4, 0);
+    p.eci_channel = channel;
+    p.eci_commarea = area.data();
+    p.eci_commarea_length = 4;
+    EXPECT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_ERR_COMMAREA_AND_CHANNEL);
+    p.eci_commarea = nullptr;
+    p.eci_commarea_length = 0;
+    p.eci_channel = &area;  // not a channel of this process
+    EXPECT_EQ(KVL_ECI_Execute_Channel(token, &p), ECI_ERR_INVALID_CHANNEL);
+    p.eci_channel = channel;
+    token->closing = 1;
+    EXPECT_EQ(KVL_ECI_Execute_Channel(token, &p), KVL_ERR_GWTOK_CLOSED);
+    token->closing = 0;
+    EXPECT_EQ(KVL_ECI_Execute_Channel(nullptr, &p), KVL_ERR_NULLGWTOK);
+    EXPECT_EQ(KVL_ECI_Execute_Channel(token, nullptr), KVL_ERR_NULLECIPOINTER);
+
+    EXPECT_EQ(trace.linesWithId(1508).size(), 1u);
+    EXPECT_EQ(trace.linesWithId(1509).size(), 1u);
+    EXPECT_EQ(trace.linesWithId(1510).size(), 2u);
+    EXPECT_EQ(trace.linesWithId(1511).size(), 1u);
+    EXPECT_EQ(trace.linesWithId(1512).size(), 1u);
+    EXPECT_TRUE(eciFlows().empty());
+    EXPECT_EQ(isLocked(), 0);
+    EXPECT_EQ(apiCalls(), 0);
+}
+
+}  // namespace
