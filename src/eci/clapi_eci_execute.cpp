@@ -42,12 +42,14 @@ struct credentialCopies {
 };
 
 // What the sender installs in the slot together with the state change to SLOT_SENT.
+// The copy of the block may hold a password too, so it is wiped as well.
 struct preparedRequest {
     EciParms copy{};
     uint64_t replyCapacity = 0;
     flowHeader header{};
     EciRequest request{};
     credentialCopies credentials;
+    ~preparedRequest() { clapiChannelWipe(&copy, sizeof copy); }
 };
 
 // Steps 2 to 4: a slot when the connection is open. *slotOut is set only when
