@@ -267,14 +267,6 @@ TEST_F(EciSync, ConnectionLostDuringTheCallFailsIt) {
     EXPECT_EQ(KVL_ECI_Execute(token, &p), KVL_ERR_LOSTGWCON);
 }
 
-TEST_F(EciSync, ConnectionDroppedInsteadOfTheReply) {
-    emu.injectOnRequest("ECHO", kvlemu::Fault::dropMidReply());
-    Bytes area(200, 'y');
-    EciParms p = callParms(ECI_SYNC, "ECHO", area.data(), area.size());
-    EXPECT_EQ(KVL_ECI_Execute(token, &p), KVL_ERR_LOSTGWCON);
-    EXPECT_EQ(token->connStatus.load(), CONN_LOST);
-}
-
 TEST_F(EciSync, RefusedCallsAreUnregisteredAndTraced) {
     TraceCapture trace(1);
     Bytes area(4, 0);

@@ -113,16 +113,4 @@ TEST_F(EciWire, CommitCarriesLengthFlagsButNoCommareaBytes) {
     EXPECT_TRUE(commit.eci->passwordMasked.empty());
 }
 
-TEST_F(EciWire, CorrelatorAdvancesWithEveryRequest) {
-    Bytes area(2, 0);
-    EciParms p = callParms(ECI_SYNC, "ECHO", area.data(), area.size());
-    clapiSetCorrelatorForTest(41);
-    ASSERT_EQ(KVL_ECI_Execute(token, &p), ECI_NO_ERROR);
-    ASSERT_EQ(KVL_ECI_Execute(token, &p), ECI_NO_ERROR);
-    auto flows = eciFlows();
-    ASSERT_EQ(flows.size(), 2u);
-    EXPECT_EQ(flows[1].eci->correlator, flows[0].eci->correlator + 1);
-    EXPECT_EQ(flows[0].eci->optionalBlocks, -1);
-}
-
 }  // namespace
