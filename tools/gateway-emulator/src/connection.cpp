@@ -9,11 +9,14 @@ namespace kvlemu {
 namespace {
 
 constexpr size_t kReadChunk = 64 * 1024;
+// How often a waiting reader looks at the drop flag: shutting a socket down
+// does not wake a blocked receive everywhere (not under Wine, for one).
+constexpr int kReadPollMs = 100;
 
 // Buffered reads from a socket.
 class SocketReader {
 public:
-    explicit SocketReader(net::Socket s) : sock_(s), buf_(kReadChunk) {}
+    SocketReader(net::Socket s, const std::atomic<bool>& dropped) : sock_(s), dropped_(dropped), buf_(kReadChunk) {}
 
     // False when the stream ended (or failed) before any byte of a new flow.
     bool more() { return len_ > pos_ || fill(); }
@@ -32,6 +35,9 @@ public:
 
 private:
     bool fill() {
+        while (!net::waitReadable(sock_, kReadPollMs))
+            if (dropped_) return false;
+        if (dropped_) return false;
         long got = net::recvSome(sock_, buf_.data(), buf_.size());
         if (got <= 0) return false;
         pos_ = 0;
@@ -40,6 +46,7 @@ private:
     }
 
     net::Socket sock_;
+    const std::atomic<bool>& dropped_;
     std::vector<uint8_t> buf_;
     size_t pos_ = 0;
     size_t len_ = 0;
@@ -128,7 +135,7 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
         return;
     }
 
-    SocketReader in(conn->sock);
+    SocketReader in(conn->sock, conn->dropped);
     for (;;) {
         if (!in.more()) {
             log(1, "conn " + std::to_string(conn->index) + " ended by the peer");
