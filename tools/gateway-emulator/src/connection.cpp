@@ -112,6 +112,18 @@ void Emulator::Impl::record(RecordedFlow&& flow) {
     cv.notify_all();
 }
 
+void Emulator::Impl::joinFinishedWorkers(Connection& conn) {
+    for (auto it = conn.workers.begin(); it != conn.workers.end();) {
+        if (it->done) {
+            // Its last step was releasing m: the join returns at once.
+            it->thread.join();
+            it = conn.workers.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
 void Emulator::Impl::markClosed(Connection& conn) {
     std::lock_guard<std::mutex> lock(m);
     for (auto& [token, calls] : conn.luws) luwEvents.push_back({conn.index, token, LuwEvent::Kind::Abandoned});
@@ -250,10 +262,14 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
             case RecordedFlow::Kind::EciCall: {
                 std::lock_guard<std::mutex> lock(m);
                 if (stopping) break;
+                joinFinishedWorkers(*conn);
                 ++conn->activeWorkers;
-                conn->workers.emplace_back([this, conn, header, request = std::move(*eci)]() mutable {
+                Worker& w = conn->workers.emplace_back();
+                // The worker needs m to finish, so it cannot end before w.thread is set.
+                w.thread = std::thread([this, conn, &w, header, request = std::move(*eci)]() mutable {
                     runEciCall(conn, header, std::move(request));
                     std::lock_guard<std::mutex> done(m);
+                    w.done = true;
                     --conn->activeWorkers;
                     cv.notify_all();
                 });

@@ -130,13 +130,13 @@ void Emulator::stop() {
     for (auto& c : conns) impl_->drop(*c, "emulator stopping");
     for (auto& c : conns) {
         if (c->reader.joinable()) c->reader.join();
-        std::vector<std::thread> workers;
+        std::list<Worker> workers;
         {
             std::lock_guard<std::mutex> lock(impl_->m);
             workers.swap(c->workers);
         }
         for (auto& w : workers)
-            if (w.joinable()) w.join();
+            if (w.thread.joinable()) w.thread.join();
     }
     std::lock_guard<std::mutex> lock(impl_->m);
     for (auto& c : impl_->live) net::closeSocket(c->sock);
@@ -186,8 +186,7 @@ void Emulator::Impl::reapFinished() {
         if (c.readerDone && c.activeWorkers == 0) {
             // Finished threads: the joins return at once.
             if (c.reader.joinable()) c.reader.join();
-            for (auto& w : c.workers)
-                if (w.joinable()) w.join();
+            joinFinishedWorkers(c);
             net::closeSocket(c.sock);
             it = live.erase(it);
         } else {

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -23,6 +24,11 @@
 
 namespace kvlemu {
 
+struct Worker {
+    std::thread thread;
+    bool done = false;  // under Impl::m; set as the thread's last step
+};
+
 struct Connection {
     int index = 0;
     net::Socket sock = net::kInvalidSocket;
@@ -32,7 +38,7 @@ struct Connection {
     // Under Impl::m.
     std::map<int32_t, int> luws;  // open unit-of-work token -> calls so far
     std::thread reader;
-    std::vector<std::thread> workers;
+    std::list<Worker> workers;  // one per request in progress or not yet joined
     int activeWorkers = 0;
     bool readerDone = false;
 };
@@ -94,6 +100,7 @@ struct Emulator::Impl {
     // connection.cpp
     void serve(std::shared_ptr<Connection> conn);
     void record(RecordedFlow&& flow);
+    void joinFinishedWorkers(Connection& conn);  // under m
     void markClosed(Connection& conn);
 
     // send.cpp
