@@ -214,7 +214,7 @@ int clapiReadECIResponse(sockBuffer* sb, EciRequest* request) {
     }
     // Whatever the body held beyond what was decoded is dropped, so the next flow is read
     // from its first byte.
-    skipBytes(sb, sockBufferFlowRemaining(sb));
+    skipFlowRemainder(sb);
     if (rc == 0) rc = sockBufferErrorRc(sb);
     CLAPI_TRACE(EXIT, 3207, "clapi_socketcomms.clapiReadECIResponse() rc=%d\n", rc);
     return rc;

@@ -80,6 +80,6 @@ void clapiReadESIResponse(sockBuffer* sb, EsiResponse* response) {
             }
         }
     }
-    skipBytes(sb, sockBufferFlowRemaining(sb));
+    skipFlowRemainder(sb);
     CLAPI_TRACE(EXIT, 3242, "clapi_socketcomms.clapiReadESIResponse()\n");
 }

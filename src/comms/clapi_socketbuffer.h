@@ -54,6 +54,10 @@ uint32_t readInt(sockBuffer* sb);
 void readBytes(sockBuffer* sb, void* data, uint64_t dataLen);
 // Consumes dataLen bytes of the current flow without storing them.
 void skipBytes(sockBuffer* sb, uint64_t dataLen);
+// Consumes what is left of the current flow, also after a refused read past its end,
+// so that the next flow is read from its first byte. Needs dataRemaining to count
+// exactly the flow's bytes still on the socket. Does nothing once the socket failed.
+void skipFlowRemainder(sockBuffer* sb);
 
 // The code a dead buffer stands for: 0 healthy, -102 socket failure or peer closed,
 // -9 a read past the end of the flow, -111 no memory for a masked region.

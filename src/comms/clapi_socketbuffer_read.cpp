@@ -195,3 +195,11 @@ void skipBytes(sockBuffer* sb, uint64_t dataLen) {
         dataLen -= n;
     }
 }
+
+void skipFlowRemainder(sockBuffer* sb) {
+    int32_t kept = sb->lastError;
+    if (kept != 0 && kept != SOCKBUFFER_ERR_FLOW_OVERRUN) return;
+    sb->lastError = 0;
+    skipBytes(sb, sockBufferFlowRemaining(sb));
+    if (sb->lastError == 0) sb->lastError = kept;
+}
