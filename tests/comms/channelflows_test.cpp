@@ -1,0 +1,362 @@
+// Channels on the wire: the request encoding, and replies applied to the caller's channel.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "comms/clapi_socketcomms.h"
+#include "eci/clapi_channel.h"
+#include "kvlclient.h"
+#include "loopback.h"
+#include "trace_capture.h"
+
+using kvltest::Bytes;
+using kvltest::Loopback;
+using kvltest::TraceCapture;
+using kvltest::Wire;
+
+namespace {
+
+// A channel record as the channel module lays it out, owned by the test.
+struct TestChannel {
+    kvlChannel* ch;
+    explicit TestChannel(const char* name, int32_t ccsid = 1208) {
+        ch = static_cast<kvlChannel*>(calloc(1, sizeof(kvlChannel)));
+        memcpy(ch->eyecatcher, "KVLCHANN", 8);
+        memcpy(ch->name, name, strnlen(name, sizeof ch->name));
+        ch->ccsid = ccsid;
+    }
+    ~TestChannel() {
+        for (kvlContainer* c = ch->firstCont; c;) {
+            kvlContainer* next = c->nextCont;
+            clapiFreeContainer(c);
+            c = next;
+        }
+        free(ch);
+    }
+    // Appends at the tail so that list order is the order of the calls.
+    kvlContainer* add(const char* name, int32_t type, const std::string& data, int32_t ccsid = 0) {
+        auto* c = static_cast<kvlContainer*>(calloc(1, sizeof(kvlContainer)));
+        memcpy(c->eyecatcher, "KVLCONTA", 8);
+        memcpy(c->name, name, strnlen(name, sizeof c->name));
+        c->type = type;
+        c->ccsid = ccsid;
+        c->dataLength = data.size();
+        if (!data.empty()) {
+            c->dataPtr = static_cast<uint8_t*>(malloc(data.size()));
+            memcpy(c->dataPtr, data.data(), data.size());
+        }
+        kvlContainer** tail = &ch->firstCont;
+        while (*tail) tail = &(*tail)->nextCont;
+        *tail = c;
+        ch->numContainers++;
+        return c;
+    }
+    std::vector<std::string> names() const {
+        std::vector<std::string> out;
+        for (const kvlContainer* c = ch->firstCont; c; c = c->nextCont) out.emplace_back(c->name, strnlen(c->name, 16));
+        return out;
+    }
+    const kvlContainer* find(const char* name) const {
+        for (const kvlContainer* c = ch->firstCont; c; c = c->nextCont)
+            if (strncmp(c->name, name, 16) == 0) return c;
+        return nullptr;
+    }
+    std::string data(const char* name) const {
+        const kvlContainer* c = find(name);
+        return c && c->dataPtr ? std::string(reinterpret_cast<const char*>(c->dataPtr), c->dataLength) : std::string();
+    }
+};
+
+Bytes name16(const std::string& name) {
+    Bytes b(16, 0);
+    memcpy(b.data(), name.data(), name.size() < 16 ? name.size() : 16);
+    return b;
+}
+
+Wire& entry(Wire& w, const std::string& name, uint8_t state, uint8_t type, int32_t ccsid, const std::string& data,
+            bool withData = true) {
+    w.raw(name16(name)).u8(state).u8(0).u8(0).u8(type).be32(static_cast<uint32_t>(ccsid));
+    w.be32(static_cast<uint32_t>(data.size()));
+    if (withData) w.text(data);
+    return w;
+}
+
+Wire channelHead(const std::string& name, int32_t ccsid, int32_t count) {
+    Wire w;
+    w.raw(name16(name)).be32(static_cast<uint32_t>(ccsid)).be32(static_cast<uint32_t>(count));
+    return w;
+}
+
+struct ReadBuffer {
+    sockBuffer sb{};
+    explicit ReadBuffer(platformSocket s) { EXPECT_EQ(initReadBuffer(&sb, s, SOCKBUFFER_MAX_SIZE), 0); }
+    ~ReadBuffer() { freeBuffer(&sb); }
+};
+
+// Sends the channel bytes as one flow body, reads it with readChannel into `ch`, and
+// checks that a following flow is still read from its first byte.
+int applyReply(kvlChannel* ch, const Wire& body, bool expectInStep = true) {
+    Loopback net;
+    EXPECT_TRUE(net.ok());
+    Wire w;
+    w.header(FLOW_REPLY, 1, "ECI", static_cast<uint32_t>(body.size())).raw(body.bytes());
+    w.header(FLOW_PING, 777, "ECI", 0);
+    net.send(w);
+    ReadBuffer rb(net.client);
+    flowHeader h{};
+    EXPECT_EQ(kvltest::readFlow(&rb.sb, &h), 0);
+    int rc = readChannel(&rb.sb, ch);
+    if (expectInStep) {
+        EXPECT_EQ(sockBufferFlowRemaining(&rb.sb), 0u) << "the reply was not consumed exactly";
+    }
+    skipFlowRemainder(&rb.sb);
+    EXPECT_EQ(kvltest::readFlow(&rb.sb, &h), 0);
+    EXPECT_EQ(h.messageId, 777);
+    return rc;
+}
+
+Bytes encode(kvlChannel* ch) {
+    Loopback net;
+    EXPECT_TRUE(net.ok());
+    sockBuffer sb{};
+    EXPECT_EQ(initWriteBuffer(&sb, net.client, 100000), 0);
+    writeChannel(&sb, ch);
+    size_t written = 100000 - sb.dataRemaining + sb.bufferLen;
+    EXPECT_EQ(flushBuffer(&sb), 0);
+    freeBuffer(&sb);
+    return net.receive(written);
+}
+
+}  // namespace
+
+TEST(ChannelEncode, EmptyChannelIsTwentyFourBytes) {
+    TestChannel t("EMPTY", 437);
+    EXPECT_EQ(encode(t.ch), channelHead("EMPTY", 437, 0).bytes());
+}
+
+TEST(ChannelEncode, EveryContainerGoesAsAddedWithItsData) {
+    TraceCapture trace(2);
+    TestChannel t("MYCHANNEL", 1208);
+    t.add("FIRST", ECI_CHAR, "hello", 1208);
+    t.add("SECOND-CONTAINER", ECI_BIT, "");
+    t.add("THIRD", ECI_BIT, std::string("\x00\x01\x02", 3));
+    Wire expected = channelHead("MYCHANNEL", 1208, 3);
+    entry(expected, "FIRST", 1, ECI_CHAR, 1208, "hello");
+    entry(expected, "SECOND-CONTAINER", 1, ECI_BIT, 0, "");
+    entry(expected, "THIRD", 1, ECI_BIT, 0, std::string("\x00\x01\x02", 3));
+    EXPECT_EQ(encode(t.ch), expected.bytes());
+    auto lines = trace.linesWithId(3246);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_NE(lines[1].find("Writing container \"SECOND-CONTAINER\", type=ECI_BIT, CCSID=0, data length=0"),
+              std::string::npos);
+}
+
+TEST(ChannelEncode, RequestSizeCountsFourBytesMorePerContainer) {
+    TestChannel t("SIZED");
+    t.add("A", ECI_BIT, std::string(100, 'a'));
+    t.add("B", ECI_BIT, "");
+    EciRequest r{};
+    r.requestType = ECI_REQUEST_CALL;
+    r.password = "";
+    r.optionalBlocks = -1;
+    r.channel = t.ch;
+    EXPECT_EQ(calculateECIRequestSize(&r), 15 + 68 + 24 + (32 + 100) + 32);
+
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    flowHeader header;
+    clapiInitFlowHeader(&header, FLOW_REQUEST, 1, "ECI");
+    ASSERT_EQ(clapiFlowECIRequest(net.client, &header, &r), 0);
+    Bytes sent = net.receiveAvailable();
+    EXPECT_EQ(sent.size(), 32u + header.bodyLen - 2 * 4);
+    Bytes channelPart(sent.end() - 11 - (24 + 28 + 100 + 28), sent.end() - 11);
+    Wire expected = channelHead("SIZED", 1208, 2);
+    entry(expected, "A", 1, ECI_BIT, 0, std::string(100, 'a'));
+    entry(expected, "B", 1, ECI_BIT, 0, "");
+    EXPECT_EQ(channelPart, expected.bytes());
+    EXPECT_EQ(sent[sent.size() - 11 - channelPart.size() - 1], 0xFF);  // the channel flag
+}
+
+TEST(ChannelDecode, RoundTripAddsInReverseOrderOfArrival) {
+    TestChannel source("ROUNDTRIP", 1208);
+    source.add("ONE", ECI_CHAR, "first data", 1208);
+    source.add("TWO", ECI_BIT, std::string(40000, 'x'));
+    source.add("THREE", ECI_BIT, "");
+    Bytes bytes = encode(source.ch);
+
+    TestChannel target("BEFORE", 1);
+    target.add("OLD", ECI_BIT, "old");
+    Wire body;
+    body.raw(bytes);
+    EXPECT_EQ(applyReply(target.ch, body), 0);
+    EXPECT_EQ(std::string(target.ch->name, 9), "ROUNDTRIP");  // the reply's name replaces the caller's
+    EXPECT_EQ(target.ch->ccsid, 1208);
+    EXPECT_EQ(target.names(), (std::vector<std::string>{"THREE", "TWO", "ONE", "OLD"}));
+    EXPECT_EQ(target.ch->numContainers, 4);
+    EXPECT_EQ(target.data("ONE"), "first data");
+    EXPECT_EQ(target.data("TWO"), std::string(40000, 'x'));
+    EXPECT_EQ(target.find("THREE")->dataPtr, nullptr);
+    EXPECT_EQ(target.find("ONE")->type, ECI_CHAR);
+    EXPECT_EQ(target.find("ONE")->ccsid, 1208);
+    EXPECT_EQ(memcmp(target.find("ONE")->eyecatcher, "KVLCONTA", 8), 0);
+}
+
+TEST(ChannelDecode, AddedWithAnExistingNameGoesAtTheHead) {
+    TestChannel t("CH");
+    t.add("DUP", ECI_BIT, "old");
+    Wire body = channelHead("CH", 1208, 1);
+    entry(body, "DUP", 1, ECI_BIT, 0, "new!");
+    EXPECT_EQ(applyReply(t.ch, body), 0);
+    ASSERT_EQ(t.names(), (std::vector<std::string>{"DUP", "DUP"}));
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(t.ch->firstCont->dataPtr), 4), "new!");
+    EXPECT_EQ(t.ch->numContainers, 2);
+}
+
+TEST(ChannelDecode, DeletedUnderTheBrowseCursorStepsItBack) {
+    TestChannel t("CH");
+    t.add("A", ECI_BIT, "a");
+    kvlContainer* b = t.add("B", ECI_BIT, "b");
+    kvlContainer* c = t.add("C", ECI_BIT, "c");
+
+    t.ch->currentCont = c;
+    Wire body = channelHead("CH", 1208, 1);
+    entry(body, "C", 2, ECI_BIT, 0, "", false);
+    EXPECT_EQ(applyReply(t.ch, body), 0);
+    EXPECT_EQ(t.ch->currentCont, b);
+    EXPECT_EQ(t.names(), (std::vector<std::string>{"A", "B"}));
+    EXPECT_EQ(t.ch->numContainers, 2);
+
+    t.ch->currentCont = t.ch->firstCont;
+    Wire first = channelHead("CH", 1208, 1);
+    entry(first, "A", 2, ECI_BIT, 0, "", false);
+    EXPECT_EQ(applyReply(t.ch, first), 0);
+    EXPECT_EQ(t.ch->currentCont, nullptr);
+    EXPECT_EQ(t.names(), (std::vector<std::string>{"B"}));
+
+    t.ch->currentCont = b;
+    Wire other = channelHead("CH", 1208, 1);
+    entry(other, "NOSUCH", 2, ECI_BIT, 0, "", false);
+    EXPECT_EQ(applyReply(t.ch, other), ECI_ERR_SYSTEM_ERROR);
+    EXPECT_EQ(t.ch->currentCont, b);
+    EXPECT_EQ(t.ch->numContainers, 1);
+}
+
+TEST(ChannelDecode, ModifiedWithTheSameLengthReusesTheBuffer) {
+    TestChannel t("CH");
+    kvlContainer* c = t.add("M", ECI_BIT, "abcd");
+    uint8_t* before = c->dataPtr;
+    Wire body = channelHead("CH", 1208, 1);
+    entry(body, "M", 3, ECI_CHAR, 37, "wxyz");
+    EXPECT_EQ(applyReply(t.ch, body), 0);
+    EXPECT_EQ(c->dataPtr, before);
+    EXPECT_EQ(t.data("M"), "wxyz");
+    EXPECT_EQ(c->type, ECI_CHAR);
+    EXPECT_EQ(c->ccsid, 37);
+}
+
+TEST(ChannelDecode, ModifiedToZeroOrAnotherLength) {
+    TestChannel t("CH");
+    kvlContainer* zero = t.add("Z", ECI_BIT, "will go");
+    kvlContainer* grow = t.add("G", ECI_BIT, "ab");
+    Wire body = channelHead("CH", 1208, 2);
+    entry(body, "Z", 3, ECI_BIT, 0, "");
+    entry(body, "G", 3, ECI_BIT, 0, "a longer value");
+    EXPECT_EQ(applyReply(t.ch, body), 0);
+    EXPECT_EQ(zero->dataPtr, nullptr);
+    EXPECT_EQ(zero->dataLength, 0u);
+    EXPECT_EQ(t.data("G"), "a longer value");
+    EXPECT_EQ(grow->nextCont, nullptr);  // kept its place
+    EXPECT_EQ(t.ch->numContainers, 2);
+}
+
+TEST(ChannelDecode, ModifiedUnknownNameFails) {
+    TestChannel t("CH");
+    Wire body = channelHead("CH", 1208, 1);
+    entry(body, "GHOST", 3, ECI_BIT, 0, "data");
+    EXPECT_EQ(applyReply(t.ch, body, false), ECI_ERR_SYSTEM_ERROR);
+    EXPECT_EQ(t.ch->numContainers, 0);
+}
+
+TEST(ChannelDecode, UnchangedConsumesOnlyItsHeader) {
+    TestChannel t("CH");
+    t.add("U", ECI_BIT, "same");
+    Wire body = channelHead("CH", 1208, 2);
+    entry(body, "U", 4, ECI_BIT, 0, "same", false);  // announces 4 bytes it does not carry
+    entry(body, "NEW", 1, ECI_BIT, 0, "next");
+    EXPECT_EQ(applyReply(t.ch, body), 0);
+    EXPECT_EQ(t.names(), (std::vector<std::string>{"NEW", "U"}));
+    EXPECT_EQ(t.data("NEW"), "next");
+    EXPECT_EQ(t.data("U"), "same");
+}
+
+TEST(ChannelDecode, HostileCountsAreRefusedBeforeAnythingChanges) {
+    TraceCapture trace(1);
+    for (int32_t count : {1000, -1, 0x7FFFFFFF}) {
+        TestChannel t("CH");
+        t.add("KEEP", ECI_BIT, "k");
+        Wire body = channelHead("CH", 1208, count);
+        entry(body, "X", 1, ECI_BIT, 0, "x");
+        EXPECT_EQ(applyReply(t.ch, body, false), ECI_ERR_SYSTEM_ERROR) << count;
+        EXPECT_EQ(t.names(), (std::vector<std::string>{"KEEP"}));
+        EXPECT_EQ(t.ch->numContainers, 1);
+    }
+    EXPECT_EQ(trace.linesWithId(3254).size(), 3u);
+}
+
+TEST(ChannelDecode, DataLongerThanTheFlowIsRefused) {
+    TraceCapture trace(1);
+    TestChannel t("CH");
+    kvlContainer* m = t.add("M", ECI_BIT, "keep");
+    Wire body = channelHead("CH", 1208, 2);
+    entry(body, "FINE", 1, ECI_BIT, 0, "ok");
+    body.raw(name16("HUGE")).u8(1).u8(0).u8(0).u8(1).be32(0).be32(0xFFFFFFF0).text("short");
+    EXPECT_EQ(applyReply(t.ch, body, false), ECI_ERR_SYSTEM_ERROR);
+    // The good entry before it stays applied; the bad one left nothing behind.
+    EXPECT_EQ(t.names(), (std::vector<std::string>{"FINE", "M"}));
+    EXPECT_EQ(t.ch->numContainers, 2);
+    EXPECT_EQ(trace.linesWithId(3256).size(), 1u);
+
+    Wire modify = channelHead("CH", 1208, 1);
+    modify.raw(name16("M")).u8(3).u8(0).u8(0).u8(1).be32(0).be32(1u << 30);
+    EXPECT_EQ(applyReply(t.ch, modify, false), ECI_ERR_SYSTEM_ERROR);
+    EXPECT_EQ(t.data("M"), "keep");
+    EXPECT_EQ(m->dataLength, 4u);
+}
+
+TEST(ChannelDecode, EntryCutShortFailsAfterTheEarlierOnes) {
+    TestChannel t("CH");
+    // Two entries fit the count check (56 bytes follow), but the first one's data leaves
+    // the second with fewer than 28 bytes.
+    Wire body = channelHead("CH", 1208, 2);
+    entry(body, "FIRST", 1, ECI_BIT, 0, std::string(20, 'f'));
+    body.fill(10, 0);
+    EXPECT_EQ(applyReply(t.ch, body, false), ECI_ERR_SYSTEM_ERROR);
+    EXPECT_EQ(t.names(), (std::vector<std::string>{"FIRST"}));
+    EXPECT_EQ(t.ch->numContainers, 1);
+}
+
+TEST(ChannelDecode, ThroughTheEciReplyStaysInStep) {
+    TestChannel t("CH");
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    Wire body;
+    body.be32(ECI_REQUEST_CALL).be32(0).be32(0).be32(0).text("    ").be32(0).u8(0).u8(0xFF);
+    Wire ch = channelHead("CH", 1208, 500);  // hostile count, followed by junk
+    body.raw(ch.bytes()).fill(100, 0x5A);
+    Wire w;
+    w.header(FLOW_REPLY, 1, "ECI", static_cast<uint32_t>(body.size())).raw(body.bytes());
+    w.header(FLOW_PING, 31337, "ECI", 0);
+    net.send(w);
+    ReadBuffer rb(net.client);
+    flowHeader h{};
+    ASSERT_EQ(kvltest::readFlow(&rb.sb, &h), 0);
+    EciRequest r{};
+    r.channel = t.ch;
+    EXPECT_EQ(clapiReadECIResponse(&rb.sb, &r), ECI_ERR_SYSTEM_ERROR);
+    EXPECT_EQ(t.ch->numContainers, 0);
+    ASSERT_EQ(kvltest::readFlow(&rb.sb, &h), 0);
+    EXPECT_EQ(h.messageId, 31337);
+}

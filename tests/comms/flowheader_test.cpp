@@ -1,0 +1,214 @@
+// Flow header, handshake and close flows, byte for byte as they cross the socket.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "comms/clapi_socketcomms.h"
+#include "kvlclient.h"
+#include "loopback.h"
+#include "trace_capture.h"
+
+using kvltest::Bytes;
+using kvltest::Loopback;
+using kvltest::TraceCapture;
+using kvltest::Wire;
+
+namespace {
+
+struct ReadBuffer {
+    sockBuffer sb{};
+    explicit ReadBuffer(platformSocket s) { EXPECT_EQ(initReadBuffer(&sb, s, SOCKBUFFER_MAX_SIZE), 0); }
+    ~ReadBuffer() { freeBuffer(&sb); }
+};
+
+Bytes handshakeBody(const Bytes& applid, const Bytes& qualifier) {
+    return Wire()
+        .be16(2).text("en").be16(2).text("GB").fill(10, 0)
+        .be16(static_cast<uint16_t>(applid.size())).raw(applid)
+        .be16(static_cast<uint16_t>(qualifier.size())).raw(qualifier)
+        .bytes();
+}
+
+}  // namespace
+
+TEST(FlowSend, CloseRequestIsThirtyThreeBytes) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    ASSERT_EQ(clapiFlowCloseRequest(net.client), 0);
+    Bytes expected{0x47, 0x61, 0x74, 0x65, 0x10, 0x90, 0x10, 0x00, 0x00, 0x00, 0x00, 0x0A,
+                   0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04,
+                   'B',  'A',  'S',  'E',  0x00, 0x00, 0x00, 0x00, 0x00};
+    EXPECT_EQ(net.receive(64, 2), expected);
+}
+
+TEST(FlowSend, HandshakeForApplidAppl1) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    ASSERT_EQ(clapiFlowHandshakeRequest(net.client, "APPL1", ""), 0);
+    Bytes expected = Wire()
+                         .header(FLOW_HANDSHAKE, FLOW_MSGID_HANDSHAKE, "BASE", 27)
+                         .raw(handshakeBody(Wire().text("APPL1").bytes(), {}))
+                         .bytes();
+    ASSERT_EQ(expected.size(), 60u);
+    EXPECT_EQ(net.receive(100, 2), expected);
+}
+
+TEST(FlowSend, HandshakeConvertsLatin1ToUtf8) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    ASSERT_EQ(clapiFlowHandshakeRequest(net.client, "A\xE9", "Q\xA0Z"), 0);
+    Bytes applid{'A', 0xC3, 0xA9};
+    Bytes qualifier{'Q', 0xC2, 0xA0, 'Z'};
+    Bytes expected = Wire()
+                         .header(FLOW_HANDSHAKE, FLOW_MSGID_HANDSHAKE, "BASE", 22 + 3 + 4)
+                         .raw(handshakeBody(applid, qualifier))
+                         .bytes();
+    EXPECT_EQ(net.receive(100, 2), expected);
+}
+
+TEST(FlowSend, HandshakeOfEightWideCharactersFillsTheWorkArea) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    // Eight characters of two bytes each: sixteen UTF-8 bytes, the most the area holds.
+    ASSERT_EQ(clapiFlowHandshakeRequest(net.client, "\xE0\xE1\xE2\xE3\xE4\xE5\xE6\xE7", nullptr), 0);
+    Bytes wide;
+    for (uint8_t c = 0xE0; c <= 0xE7; ++c) {
+        wide.push_back(0xC3);
+        wide.push_back(static_cast<uint8_t>((c & 0x3F) + 0x80));
+    }
+    Bytes expected =
+        Wire().header(FLOW_HANDSHAKE, FLOW_MSGID_HANDSHAKE, "BASE", 22 + 16).raw(handshakeBody(wide, {})).bytes();
+    EXPECT_EQ(net.receive(100, 2), expected);
+}
+
+TEST(FlowSend, HeaderOfARequestCarriesItsFields) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    flowHeader header;
+    clapiInitFlowHeader(&header, FLOW_REQUEST, 17, "ECI");
+    EXPECT_EQ(header.requestTypeLen, 3u);
+    header.bodyLen = 0x01020304;
+    sockBuffer sb{};
+    ASSERT_EQ(initWriteBuffer(&sb, net.client, 32), 0);
+    writeHeader(&sb, &header);
+    EXPECT_EQ(sb.bufferLen, 32u);
+    ASSERT_EQ(flushBuffer(&sb), 0);
+    freeBuffer(&sb);
+    EXPECT_EQ(net.receive(32), Wire().header(FLOW_REQUEST, 17, "ECI", 0x01020304).bytes());
+}
+
+TEST(FlowRead, ThreeLetterHeaderThenBaseHeaderThenBody) {
+    TraceCapture trace(4);
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    net.send(Wire()
+                 .header(FLOW_REPLY, 5, "ECI", 4, 61444).be32(0xA1B2C3D4)
+                 .header(FLOW_HANDSHAKE, -2, "BASE", 0)
+                 .header(FLOW_PING, 0, "ESI", 2).be16(0x7777));
+    ReadBuffer r(net.client);
+    flowHeader h{};
+
+    ASSERT_EQ(kvltest::readFlow(&r.sb, &h), 0);
+    EXPECT_EQ(h.eyecatcher, FLOW_EYECATCHER);
+    EXPECT_EQ(h.version, FLOW_VERSION);
+    EXPECT_EQ(h.flowType, FLOW_REPLY);
+    EXPECT_EQ(h.messageId, 5);
+    EXPECT_EQ(h.rc, 61444);
+    EXPECT_EQ(h.requestTypeLen, 3u);
+    EXPECT_EQ(std::string(h.requestType), "ECI");
+    EXPECT_EQ(h.bodyLen, 4u);
+    EXPECT_EQ(readInt(&r.sb), 0xA1B2C3D4u);
+    // One receive of 32 bytes for the header, one for the body.
+    auto receives = trace.linesWithId(2542);
+    ASSERT_EQ(receives.size(), 2u);
+    EXPECT_NE(receives[0].find("Attempting to read 32 bytes"), std::string::npos);
+
+    ASSERT_EQ(kvltest::readFlow(&r.sb, &h), 0);
+    EXPECT_EQ(h.flowType, FLOW_HANDSHAKE);
+    EXPECT_EQ(h.messageId, -2);
+    EXPECT_EQ(std::string(h.requestType, 4), "BASE");
+    EXPECT_EQ(h.bodyLen, 0u);
+    receives = trace.linesWithId(2542);
+    ASSERT_EQ(receives.size(), 4u);  // 32 bytes, then the one byte "BASE" adds
+    EXPECT_NE(receives[3].find("Attempting to read 1 bytes"), std::string::npos);
+
+    ASSERT_EQ(kvltest::readFlow(&r.sb, &h), 0);
+    EXPECT_EQ(h.flowType, FLOW_PING);
+    EXPECT_EQ(std::string(h.requestType), "ESI");
+    EXPECT_EQ(readShort(&r.sb), 0x7777);
+    EXPECT_EQ(r.sb.lastError, 0);
+}
+
+TEST(FlowRead, HeaderArrivingOneByteAtATime) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    net.sendTrickle(Wire().header(FLOW_CLOSE, -1, "BASE", 0).header(FLOW_REPLY, 9, "ESI", 0).bytes());
+    ReadBuffer r(net.client);
+    flowHeader h{};
+    ASSERT_EQ(clapiReadHeader(&r.sb, &h), 0);
+    EXPECT_EQ(h.flowType, FLOW_CLOSE);
+    EXPECT_EQ(h.messageId, -1);
+    ASSERT_EQ(clapiReadHeader(&r.sb, &h), 0);
+    EXPECT_EQ(h.flowType, FLOW_REPLY);
+    EXPECT_EQ(h.messageId, 9);
+}
+
+TEST(FlowRead, BadEyecatcherIsRefused) {
+    TraceCapture trace(1);
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    Wire bad;
+    bad.text("Gatf").fill(28, 0);
+    net.send(bad);
+    ReadBuffer r(net.client);
+    flowHeader h{};
+    EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_SYSTEM_ERROR);
+    auto lines = trace.linesWithId(3213);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("Bad eyecatcher! Expected=0x47617465, actual=0x47617466"), std::string::npos);
+}
+
+TEST(FlowRead, RequestTypeLongerThanTheFieldIsRefused) {
+    TraceCapture trace(1);
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    for (uint32_t length : {7u, 0xFFFFFFFFu}) {
+        Wire w;
+        w.be32(FLOW_EYECATCHER).be32(FLOW_VERSION).be32(FLOW_REPLY).be32(1).be32(0).be32(length).fill(8, 'X');
+        net.send(w);
+        ReadBuffer r(net.client);
+        struct {
+            flowHeader h;
+            uint8_t guard[16];
+        } record;
+        memset(&record, 0xA5, sizeof record);
+        EXPECT_EQ(clapiReadHeader(&r.sb, &record.h), KVL_ERR_SYSTEM_ERROR) << length;
+        for (uint8_t g : record.guard) EXPECT_EQ(g, 0xA5);
+        EXPECT_EQ(record.h.requestTypeLen, length);
+    }
+    EXPECT_EQ(trace.linesWithId(3250).size(), 2u);
+}
+
+TEST(FlowRead, PeerClosingMidHeaderFails) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    net.send(Wire().be32(FLOW_EYECATCHER).be32(FLOW_VERSION));
+    net.closePeer();
+    ReadBuffer r(net.client);
+    flowHeader h{};
+    EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_LOSTGWCON);
+    EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_LOSTGWCON);
+}
+
+TEST(FlowRead, PeerClosingInsideALongRequestType) {
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    // 32 bytes arrive, but "BASE" needs a 33rd that never comes.
+    Bytes partial = Wire().header(FLOW_CLOSE, -1, "BASE", 0).bytes();
+    partial.pop_back();
+    net.send(partial);
+    net.closePeer();
+    ReadBuffer r(net.client);
+    flowHeader h{};
+    EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_LOSTGWCON);
+}
