@@ -14,6 +14,7 @@
 
 using kvltest::Bytes;
 using kvltest::Loopback;
+using kvltest::ReadBuffer;
 using kvltest::TraceCapture;
 using kvltest::Wire;
 
@@ -89,12 +90,6 @@ Wire channelHead(const std::string& name, int32_t ccsid, int32_t count) {
     w.raw(name16(name)).be32(static_cast<uint32_t>(ccsid)).be32(static_cast<uint32_t>(count));
     return w;
 }
-
-struct ReadBuffer {
-    sockBuffer sb{};
-    explicit ReadBuffer(platformSocket s) { EXPECT_EQ(initReadBuffer(&sb, s, SOCKBUFFER_MAX_SIZE), 0); }
-    ~ReadBuffer() { freeBuffer(&sb); }
-};
 
 // Sends the channel bytes as one flow body, reads it with readChannel into `ch`, and
 // checks that a following flow is still read from its first byte.

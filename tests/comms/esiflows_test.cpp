@@ -10,6 +10,7 @@
 
 using kvltest::Bytes;
 using kvltest::Loopback;
+using kvltest::ReadBuffer;
 using kvltest::TraceCapture;
 using kvltest::Wire;
 
@@ -26,12 +27,6 @@ Bytes sendEsi(EsiRequest* r, uint32_t* declared) {
     EXPECT_EQ(Bytes(all.begin(), all.begin() + 32), Wire().header(FLOW_REQUEST, 6, "ESI", header.bodyLen).bytes());
     return Bytes(all.begin() + 32, all.end());
 }
-
-struct ReadBuffer {
-    sockBuffer sb{};
-    explicit ReadBuffer(platformSocket s) { EXPECT_EQ(initReadBuffer(&sb, s, SOCKBUFFER_MAX_SIZE), 0); }
-    ~ReadBuffer() { freeBuffer(&sb); }
-};
 
 void decode(const Wire& body, EsiResponse* response) {
     Loopback net;

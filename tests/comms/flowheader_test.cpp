@@ -10,16 +10,11 @@
 
 using kvltest::Bytes;
 using kvltest::Loopback;
+using kvltest::ReadBuffer;
 using kvltest::TraceCapture;
 using kvltest::Wire;
 
 namespace {
-
-struct ReadBuffer {
-    sockBuffer sb{};
-    explicit ReadBuffer(platformSocket s) { EXPECT_EQ(initReadBuffer(&sb, s, SOCKBUFFER_MAX_SIZE), 0); }
-    ~ReadBuffer() { freeBuffer(&sb); }
-};
 
 Bytes handshakeBody(const Bytes& applid, const Bytes& qualifier) {
     return Wire()
@@ -64,37 +59,6 @@ TEST(FlowSend, HandshakeConvertsLatin1ToUtf8) {
                          .raw(handshakeBody(applid, qualifier))
                          .bytes();
     EXPECT_EQ(net.receive(100, 2), expected);
-}
-
-TEST(FlowSend, HandshakeOfEightWideCharactersFillsTheWorkArea) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    // Eight characters of two bytes each: sixteen UTF-8 bytes, the most the area holds.
-    ASSERT_EQ(clapiFlowHandshakeRequest(net.client, "\xE0\xE1\xE2\xE3\xE4\xE5\xE6\xE7", nullptr), 0);
-    Bytes wide;
-    for (uint8_t c = 0xE0; c <= 0xE7; ++c) {
-        wide.push_back(0xC3);
-        wide.push_back(static_cast<uint8_t>((c & 0x3F) + 0x80));
-    }
-    Bytes expected =
-        Wire().header(FLOW_HANDSHAKE, FLOW_MSGID_HANDSHAKE, "BASE", 22 + 16).raw(handshakeBody(wide, {})).bytes();
-    EXPECT_EQ(net.receive(100, 2), expected);
-}
-
-TEST(FlowSend, HeaderOfARequestCarriesItsFields) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    flowHeader header;
-    clapiInitFlowHeader(&header, FLOW_REQUEST, 17, "ECI");
-    EXPECT_EQ(header.requestTypeLen, 3u);
-    header.bodyLen = 0x01020304;
-    sockBuffer sb{};
-    ASSERT_EQ(initWriteBuffer(&sb, net.client, 32), 0);
-    writeHeader(&sb, &header);
-    EXPECT_EQ(sb.bufferLen, 32u);
-    ASSERT_EQ(flushBuffer(&sb), 0);
-    freeBuffer(&sb);
-    EXPECT_EQ(net.receive(32), Wire().header(FLOW_REQUEST, 17, "ECI", 0x01020304).bytes());
 }
 
 TEST(FlowRead, ThreeLetterHeaderThenBaseHeaderThenBody) {
@@ -200,15 +164,3 @@ TEST(FlowRead, PeerClosingMidHeaderFails) {
     EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_LOSTGWCON);
 }
 
-TEST(FlowRead, PeerClosingInsideALongRequestType) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    // 32 bytes arrive, but "BASE" needs a 33rd that never comes.
-    Bytes partial = Wire().header(FLOW_CLOSE, -1, "BASE", 0).bytes();
-    partial.pop_back();
-    net.send(partial);
-    net.closePeer();
-    ReadBuffer r(net.client);
-    flowHeader h{};
-    EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_LOSTGWCON);
-}

@@ -118,6 +118,8 @@ void Loopback::closePeer() {
     peer = PLATFORM_INVALID_SOCKET;
 }
 
+ReadBuffer::ReadBuffer(platformSocket s) { EXPECT_EQ(initReadBuffer(&sb, s, SOCKBUFFER_MAX_SIZE), 0); }
+
 int readFlow(sockBuffer* sb, flowHeader* header) {
     int rc = clapiReadHeader(sb, header);
     if (rc != 0) return rc;

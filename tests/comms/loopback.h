@@ -66,6 +66,13 @@ private:
     bool finished_ = false;
 };
 
+// A read buffer as the receiver thread keeps one, freed at the end of the test.
+struct ReadBuffer {
+    sockBuffer sb{};
+    explicit ReadBuffer(platformSocket s);
+    ~ReadBuffer() { freeBuffer(&sb); }
+};
+
 // The receiver thread's steps for one flow: header, then the body primed in the buffer.
 int readFlow(sockBuffer* sb, flowHeader* header);
 

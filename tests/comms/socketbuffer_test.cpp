@@ -54,14 +54,6 @@ TEST(SocketBufferInit, CapsAtMaximumAndReusesALargerBuffer) {
     EXPECT_EQ(w.sb.bufferPos, nullptr);
 }
 
-TEST(SocketBufferInit, GrowsWhenTheFlowNeedsMore) {
-    ScopedBuffer w;
-    ASSERT_EQ(initWriteBuffer(&w.sb, 7, 10), 0);
-    EXPECT_EQ(w.sb.bufferSize, 10u);
-    ASSERT_EQ(initWriteBuffer(&w.sb, 7, 500), 0);
-    EXPECT_EQ(w.sb.bufferSize, 500u);
-}
-
 TEST(SocketBufferInit, SecondFreeIsRefused) {
     TraceCapture trace(1);
     sockBuffer sb{};
@@ -222,20 +214,6 @@ TEST(SocketBufferRead, PrimitivesDecodeBigEndian) {
     EXPECT_EQ(r.sb.lastError, 0);
 }
 
-TEST(SocketBufferRead, BytesArrivingOneAtATime) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    net.sendTrickle(Wire().be32(0x01020304).be16(0xBEEF).text("abcdef").bytes());
-    ScopedBuffer r;
-    ASSERT_EQ(initReadBuffer(&r.sb, net.client, 12), 0);
-    EXPECT_EQ(readInt(&r.sb), 0x01020304u);
-    EXPECT_EQ(readShort(&r.sb), 0xBEEF);
-    char text[6];
-    readBytes(&r.sb, text, sizeof text);
-    EXPECT_EQ(std::string(text, 6), "abcdef");
-    EXPECT_EQ(r.sb.lastError, 0);
-}
-
 TEST(SocketBufferRead, ValueSplitAcrossTwoReceivesIsJoined) {
     Loopback net;
     ASSERT_TRUE(net.ok());
@@ -290,18 +268,6 @@ TEST(SocketBufferRead, PeerClosingMidFlowKillsTheBuffer) {
     readBytes(&r.sb, data, sizeof data);
     EXPECT_EQ(data[0], 0x11);
     EXPECT_EQ(fillBuffer(&r.sb), KVL_ERR_LOSTGWCON);
-}
-
-TEST(SocketBufferRead, PeerClosingBeforeALargeBlock) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    net.send(Bytes(1000, 0x22));
-    net.closePeer();
-    ScopedBuffer r;
-    ASSERT_EQ(initReadBuffer(&r.sb, net.client, 50000), 0);
-    Bytes got(50000, 0);
-    readBytes(&r.sb, got.data(), got.size());
-    EXPECT_EQ(sockBufferErrorRc(&r.sb), KVL_ERR_LOSTGWCON);
 }
 
 TEST(SocketBufferRead, ReadPastTheFlowLeavesTheNextFlowOnTheSocket) {
