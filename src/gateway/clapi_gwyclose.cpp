@@ -26,7 +26,7 @@ void awaitReceiverEnd(kvlGatewayToken* token) {
     uint32_t expired = 0;
     int rc = clapiTimedWaitEvent(&token->recvThreadEndedEvent, clapiCloseAnswerSeconds, &expired);
     if (rc == 0 && expired) {
-        clapiShutdownTokenSocket(token);
+        clapiStopReceiver(token);
         rc = clapiWaitEvent(&token->recvThreadEndedEvent);
     }
     if (rc != 0) {
@@ -177,6 +177,9 @@ int quiesceConnection(kvlGatewayToken* gwTok, int32_t closeTimeout) {
     if (rc == 0) rc = awaitWorkInFlight(gwTok, closeTimeout, apiCalls, asyncRequests);
     if (rc == 0 && gwTok->connStatus.load() == CONN_CONNECTED) rc = clapiCloseConnection(gwTok);
     awaitReceiverEnd(gwTok);
+    // A close request that could not be sent because the connection broke under
+    // it has nothing left to close: the token must still be deletable.
+    if (rc == KVL_ERR_LOSTGWCON && gwTok->connStatus.load() != CONN_CONNECTED) rc = 0;
 
     if (rc == 0) {
         if (clapiRequestLock(&gwTok->tableLock) != 0) {

@@ -59,12 +59,12 @@ int handshake(kvlGatewayToken* token, const char* applid, const char* applidQual
     }
     if (rc != 0) {
         CLAPI_TRACE(EXC, 3007, "clapi_gwycon.clapiConnectToGateway() Handshake flow failed rc=%d (%s)\n", rc, clapiRcName(rc));
-        clapiShutdownTokenSocket(token);
+        clapiStopReceiver(token);
         return KVL_ERR_CONNECTFAILED;
     }
     CLAPI_TRACE(DEBUG, 3010, "clapi_gwycon.clapiConnectToGateway() Waiting for handshake response\n");
     if (clapiWaitEvent(&token->connEvent) != 0) {
-        clapiShutdownTokenSocket(token);
+        clapiStopReceiver(token);
         return KVL_ERR_SYSTEM_ERROR;
     }
     if (token->connStatus.load() != CONN_CONNECTED) {
@@ -178,6 +178,11 @@ void clapiShutdownTokenSocket(kvlGatewayToken* token) {
     platformSocket s = token->socket.load();
     if (s != PLATFORM_INVALID_SOCKET) platformShutdownSocket(s);
     clapiReleaseLock(&token->socketLock);
+}
+
+void clapiStopReceiver(kvlGatewayToken* token) {
+    token->stopReceiver = 1;
+    clapiShutdownTokenSocket(token);
 }
 
 void clapiCloseTokenSocket(kvlGatewayToken* token) {

@@ -24,6 +24,8 @@ void receiverThread(void* conn);
 
 // Closes the token's socket if nobody has yet (under the send lock).
 void clapiCloseTokenSocket(kvlGatewayToken* token);
-// Stops both directions of the token's socket, which wakes a blocked receiver
-// thread; the receiver thread then closes it.
+// Stops both directions of the token's socket (without releasing it).
 void clapiShutdownTokenSocket(kvlGatewayToken* token);
+// Makes the receiver thread end at once (or within a second where a shutdown
+// does not wake a blocked select); the receiver thread then closes the socket.
+void clapiStopReceiver(kvlGatewayToken* token);

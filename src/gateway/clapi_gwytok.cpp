@@ -140,7 +140,9 @@ int clapiCreateGatewayToken(kvlGatewayToken** gwTokPtr, const char* host, int32_
                 *gwTokPtr = token;
                 if (clapiTraceAdmits(CLAPI_LEVEL_EVENT)) {
                     char text[GWTOK_FORMAT_SIZE];
+                    clapiRequestLock(&clapiGtlLock);  // the line shows the token's list link
                     formatGatewayToken(token, text);
+                    clapiReleaseLock(&clapiGtlLock);
                     CLAPI_TRACE(EVENT, 2009, "clapi_gwytok.clapiCreateGatewayToken(gwTokPtr=%p) %s\n",
                                 static_cast<void*>(gwTokPtr), text);
                 }

@@ -23,7 +23,7 @@ enum connStatusValue : int32_t {
 };
 
 // The record behind the application's opaque gwTok. Fields are in the order of
-// the design; the last four are this implementation's own.
+// the design; the last five are this implementation's own.
 struct kvlGatewayToken {
     char eyecatcher[8];     // "KVLGWTOK", no terminator
     kvlGatewayToken* next;  // GTL link (GTL lock)
@@ -51,6 +51,7 @@ struct kvlGatewayToken {
     char applidQualifier[9];
     platformThread receiver;  // joined before the token is freed
     clapiLock socketLock;     // orders shutdown against close of `socket`; taken after the send lock
+    std::atomic<int32_t> stopReceiver;  // 1: the receiver thread is to end at its next wait
     int32_t opening;          // 1 until clapiCreateGatewayToken hands the token out (GTL lock)
     int32_t deleting;         // a delete of this token is under way (GTL lock)
 };

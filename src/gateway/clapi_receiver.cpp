@@ -202,11 +202,24 @@ int discardRestOfFlow(sockBuffer* sb) {
     return 0;
 }
 
+// Waits for the next flow (waitSeconds 0: without limit) in slices of a
+// second, so that a stop request is seen even where shutting the socket down
+// does not wake a blocked select.
+int awaitFlow(receiver* r, int waitSeconds) {
+    for (int waited = 0; waitSeconds == 0 || waited + 1 < waitSeconds; ++waited) {
+        if (r->token->stopReceiver.load() != 0) return KVL_ERR_LOSTGWCON;
+        if (platformWaitReadable(r->sb.socketDesc, 1) != 0) break;  // data, end of stream or error
+    }
+    if (r->token->stopReceiver.load() != 0) return KVL_ERR_LOSTGWCON;
+    // Returns at once when data is there; otherwise the last second of a bounded wait.
+    return waitForResponse(&r->sb, waitSeconds == 0 ? 0 : 1);
+}
+
 // One flow: header, body, dispatch. Non-zero ends the connection.
 int receiveFlow(receiver* r, int waitSeconds) {
     kvlGatewayToken* token = r->token;
     CLAPI_TRACE(DEBUG, 3032, "clapi_gwycon.receiverThread() Waiting for a reply\n");
-    int rc = waitForResponse(&r->sb, waitSeconds);
+    int rc = awaitFlow(r, waitSeconds);
     if (rc == 0) rc = clapiReadHeader(&r->sb, &r->header);
     if (rc != 0) return rc;
     flowHeader* h = &r->header;

@@ -93,6 +93,8 @@ InFlightCall::InFlightCall(kvlGatewayToken* token, const std::string& program, i
         clapiRequestLock(&token_->tableLock);
         replyRc = slot_->replyRc;
         bodyRc = slot_->bodyRc;
+        abend.assign(slot_->request.eci_abend, sizeof slot_->request.eci_abend);
+        inboundLength = slot_->request.commarea_inbound_length;
         // An asynchronous reply is taken off the queue, as get-reply would.
         clapiSlot** link = &token_->asyncQueueHead;
         clapiSlot* previous = nullptr;
@@ -100,6 +102,7 @@ InFlightCall::InFlightCall(kvlGatewayToken* token, const std::string& program, i
             previous = *link;
             link = &(*link)->queueNext;
         }
+        queued = *link != nullptr;
         if (*link) {
             *link = slot_->queueNext;
             if (token_->asyncQueueTail == slot_) token_->asyncQueueTail = previous;

@@ -38,6 +38,9 @@ public:
 
     int32_t replyRc = 0;
     int32_t bodyRc = 0;
+    std::string abend;          // the slot's eci_abend after the reply
+    int32_t inboundLength = 0;  // the slot's commarea_inbound_length after the reply
+    bool queued = false;        // the slot was on the async reply queue when the caller woke
     bool timedOut = false;
     std::vector<uint8_t> commarea;
 
