@@ -203,17 +203,4 @@ TEST_F(SlotTableTest, FreeWipesTheRequestAndFreesTheOwnedBuffer) {
     EXPECT_EQ(SLOT_FREE, s->state);
 }
 
-TEST_F(SlotTableTest, ASlotOfAnotherTableIsLeftAlone) {
-    slotTable* other = static_cast<slotTable*>(calloc(1, sizeof(slotTable)));
-    slotTableInit(other);
-    clapiSlot* foreign = nullptr;
-    ASSERT_EQ(0, slotFind(other, 0, &foreign));
-    take(1);
-    slotFree(table_, foreign);
-    EXPECT_EQ(SLOT_ALLOCATED, foreign->state);
-    slotFree(other, foreign);
-    slotTableRelease(other);
-    free(other);
-}
-
 }  // namespace
