@@ -279,8 +279,10 @@ void endConnection(kvlGatewayToken* token, int code) {
         token->connStatus = status == CONN_CONNECTED ? CONN_LOST : CONN_FAILED;
         slotCode = KVL_ERR_LOSTGWCON;
     }
-    // Always released: a connect still waiting for the handshake wakes and sees the failure.
+    // Always released: a connect still waiting for the handshake wakes and sees the
+    // failure, and get-reply calls waiting with nothing queued see the connection gone.
     clapiClearEvent(&token->connEvent);
+    clapiClearEvent(&token->asyncReplyEvent);
     for (clapiSlot* s = token->requestTable.first; s; s = s->next) {
         if (s->state == SLOT_SENT) markReplied(token, s, slotCode);
     }

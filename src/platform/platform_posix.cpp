@@ -14,7 +14,7 @@
 #include <netinet/tcp.h>
 #include <new>
 #include <pthread.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -342,35 +342,31 @@ int platformConnect(platformSocket s, const platformAddress* a) {
 }
 
 namespace {
-bool fdFitsSelect(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
-
-timeval* makeTimeout(timeval* tv, int seconds) {
-    if (seconds <= 0) return nullptr;
-    tv->tv_sec = seconds;
-    tv->tv_usec = 0;
-    return tv;
+// poll rather than select: select cannot watch descriptors numbered 1024 and above.
+int pollOne(int fd, short events, int timeoutMs, short* revents) {
+    for (;;) {
+        pollfd p{fd, events, 0};
+        int rc = poll(&p, 1, timeoutMs);
+        if (rc < 0 && errno == EINTR) continue;
+        if (rc < 0) lastError = errno;
+        if (revents) *revents = p.revents;
+        return rc;
+    }
 }
+
+int secondsToMs(int seconds) { return seconds > 2000000 ? 2000000000 : seconds * 1000; }
 }  // namespace
 
 int platformWaitConnect(platformSocket s, int timeoutSeconds, int* sockError) {
     int fd = static_cast<int>(s);
-    if (!fdFitsSelect(fd)) {
-        lastError = *sockError = EBADF;
-        return -1;
-    }
-    fd_set writeSet, exceptSet;
-    FD_ZERO(&writeSet);
-    FD_ZERO(&exceptSet);
-    FD_SET(fd, &writeSet);
-    FD_SET(fd, &exceptSet);
-    timeval tv{timeoutSeconds, 0};
-    int rc = select(fd + 1, nullptr, &writeSet, &exceptSet, &tv);
+    short revents = 0;
+    int rc = pollOne(fd, POLLOUT, secondsToMs(timeoutSeconds), &revents);
     if (rc < 0) {
-        lastError = *sockError = errno;
+        *sockError = lastError;
         return -1;
     }
     if (rc == 0) return 0;
-    // Linux reports a failed connect as writable with SO_ERROR set, not in the except set.
+    // Linux reports a failed connect as writable (or hung up) with SO_ERROR set.
     int err = 0;
     socklen_t len = sizeof err;
     if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err != 0) {
@@ -381,21 +377,8 @@ int platformWaitConnect(platformSocket s, int timeoutSeconds, int* sockError) {
 }
 
 int platformWaitReadable(platformSocket s, int timeoutSeconds) {
-    int fd = static_cast<int>(s);
-    if (!fdFitsSelect(fd)) {
-        lastError = EBADF;
-        return -1;
-    }
-    for (;;) {
-        fd_set readSet;
-        FD_ZERO(&readSet);
-        FD_SET(fd, &readSet);
-        timeval tv;
-        int rc = select(fd + 1, &readSet, nullptr, nullptr, makeTimeout(&tv, timeoutSeconds));
-        if (rc < 0 && errno == EINTR) continue;
-        if (rc < 0) lastError = errno;
-        return rc;
-    }
+    // Readable also covers hang-up and error: the following recv reports which.
+    return pollOne(static_cast<int>(s), POLLIN, timeoutSeconds > 0 ? secondsToMs(timeoutSeconds) : -1, nullptr);
 }
 
 long long platformSend(platformSocket s, const void* data, size_t len) {

@@ -239,6 +239,19 @@ TEST_F(EciAsync, WaitingRetrievalFailsWhenTheConnectionIsLost) {
     EXPECT_EQ(KVL_ECI_Execute(token, &again), KVL_ERR_LOSTGWCON);
 }
 
+// With no asynchronous request outstanding, only the end of the connection can
+// release a waiting retrieval: the receiver must wake it as it ends.
+TEST_F(EciAsync, WaitingRetrievalWithNothingOutstandingEndsWithTheConnection) {
+    Bytes area(8, 0);
+    EciParms get = retrievalParms(ECI_GET_REPLY_WAIT, area.data(), area.size());
+    auto result = retrieveLater(&get);
+    ASSERT_TRUE(waitUntil([&] { return apiCalls() == 1; }));
+    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    loseConnection();
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(result.get(), KVL_ERR_LOSTGWCON);
+}
+
 TEST_F(EciAsync, WaitingRetrievalIsReleasedByAClose) {
     Bytes area(8, 0);
     EciParms get = retrievalParms(ECI_GET_REPLY_WAIT, area.data(), area.size());

@@ -35,7 +35,9 @@ protected:
         ASSERT_EQ(KVL_openRemoteGatewayConnection("127.0.0.1", emu.port(), &token, 10), KVL_OK);
     }
     void TearDown() override {
-        if (token) EXPECT_EQ(KVL_closeGatewayConnection(&token), KVL_OK);
+        if (token) {
+            EXPECT_EQ(KVL_closeGatewayConnection(&token), KVL_OK);
+        }
         emu.stop();
     }
 
