@@ -343,12 +343,15 @@ int platformConnect(platformSocket s, const platformAddress* a) {
 
 namespace {
 // poll rather than select: select cannot watch descriptors numbered 1024 and above.
+// A descriptor that is not open is an error, as select reports it, not a time-out.
 int pollOne(int fd, short events, int timeoutMs, short* revents) {
+    if (fd < 0) return fail(EBADF);
     for (;;) {
         pollfd p{fd, events, 0};
         int rc = poll(&p, 1, timeoutMs);
         if (rc < 0 && errno == EINTR) continue;
         if (rc < 0) lastError = errno;
+        if (rc > 0 && (p.revents & POLLNVAL)) return fail(EBADF);
         if (revents) *revents = p.revents;
         return rc;
     }

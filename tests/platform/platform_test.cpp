@@ -46,6 +46,13 @@ TEST(PlatformSockets, WaitReadableTimesOutThenSeesDataAndHangUp) {
     EXPECT_EQ(platformRecv(p.server, &c, 1), 0);
 }
 
+TEST(PlatformSockets, WaitOnASocketThatIsNotOpenIsAnError) {
+    EXPECT_LT(platformWaitReadable(PLATFORM_INVALID_SOCKET, 1), 0);
+    EXPECT_NE(platformSocketError(), 0);
+    int err = 0;
+    EXPECT_EQ(platformWaitConnect(PLATFORM_INVALID_SOCKET, 1, &err), -1);
+}
+
 TEST(PlatformSockets, ResolveFailsCleanlyForAnUnknownHost) {
     platformAddress a;
     int rc = platformResolve("no-such-host.invalid", "80", &a);
