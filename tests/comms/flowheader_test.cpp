@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 
 #include "comms/clapi_socketcomms.h"
 #include "kvlclient.h"
@@ -16,65 +17,58 @@ using kvltest::Wire;
 
 namespace {
 
-Bytes handshakeBody(const Bytes& applid, const Bytes& qualifier) {
-    return Wire()
-        .be16(2).text("en").be16(2).text("GB").fill(10, 0)
-        .be16(static_cast<uint16_t>(applid.size())).raw(applid)
-        .be16(static_cast<uint16_t>(qualifier.size())).raw(qualifier)
-        .bytes();
+// What the library sent for one flow, as the Gateway received it.
+Bytes sentFlow(const std::function<int(platformSocket)>& send) {
+    Loopback net;
+    EXPECT_TRUE(net.ok());
+    EXPECT_EQ(send(net.client), 0);
+    return net.receive(100, 2);
 }
+
+Bytes handshakeFlow(const Bytes& applidUtf8, const Bytes& qualifierUtf8) {
+    Wire body;
+    body.be16(2).text("en").be16(2).text("GB").fill(10, 0);
+    body.be16(static_cast<uint16_t>(applidUtf8.size())).raw(applidUtf8);
+    body.be16(static_cast<uint16_t>(qualifierUtf8.size())).raw(qualifierUtf8);
+    Wire w;
+    return w.header(FLOW_HANDSHAKE, FLOW_MSGID_HANDSHAKE, "BASE", static_cast<uint32_t>(body.size())).raw(body.bytes()).bytes();
+}
+
+// The library reads flows on `r` while the test plays the Gateway on `net`.
+class FlowRead : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(net.ok()); }
+    Loopback net;
+    ReadBuffer r{net.client};
+    flowHeader h{};
+};
 
 }  // namespace
 
 TEST(FlowSend, CloseRequestIsThirtyThreeBytes) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    ASSERT_EQ(clapiFlowCloseRequest(net.client), 0);
     Bytes expected{0x47, 0x61, 0x74, 0x65, 0x10, 0x90, 0x10, 0x00, 0x00, 0x00, 0x00, 0x0A,
                    0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04,
                    'B',  'A',  'S',  'E',  0x00, 0x00, 0x00, 0x00, 0x00};
-    EXPECT_EQ(net.receive(64, 2), expected);
+    EXPECT_EQ(sentFlow(clapiFlowCloseRequest), expected);
 }
 
-TEST(FlowSend, HandshakeForApplidAppl1) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    ASSERT_EQ(clapiFlowHandshakeRequest(net.client, "APPL1", ""), 0);
-    Bytes expected = Wire()
-                         .header(FLOW_HANDSHAKE, FLOW_MSGID_HANDSHAKE, "BASE", 27)
-                         .raw(handshakeBody(Wire().text("APPL1").bytes(), {}))
-                         .bytes();
-    ASSERT_EQ(expected.size(), 60u);
-    EXPECT_EQ(net.receive(100, 2), expected);
+TEST(FlowSend, HandshakeCarriesApplidAndQualifierAsUtf8) {
+    Bytes appl1 = handshakeFlow(Wire().text("APPL1").bytes(), {});
+    EXPECT_EQ(appl1.size(), 60u);
+    EXPECT_EQ(sentFlow([](platformSocket s) { return clapiFlowHandshakeRequest(s, "APPL1", ""); }), appl1);
+    EXPECT_EQ(sentFlow([](platformSocket s) { return clapiFlowHandshakeRequest(s, "A\xE9", "Q\xA0Z"); }),
+              handshakeFlow({'A', 0xC3, 0xA9}, {'Q', 0xC2, 0xA0, 'Z'}));
 }
 
-TEST(FlowSend, HandshakeConvertsLatin1ToUtf8) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    ASSERT_EQ(clapiFlowHandshakeRequest(net.client, "A\xE9", "Q\xA0Z"), 0);
-    Bytes applid{'A', 0xC3, 0xA9};
-    Bytes qualifier{'Q', 0xC2, 0xA0, 'Z'};
-    Bytes expected = Wire()
-                         .header(FLOW_HANDSHAKE, FLOW_MSGID_HANDSHAKE, "BASE", 22 + 3 + 4)
-                         .raw(handshakeBody(applid, qualifier))
-                         .bytes();
-    EXPECT_EQ(net.receive(100, 2), expected);
-}
 
-TEST(FlowRead, ThreeLetterHeaderThenBaseHeaderThenBody) {
+TEST_F(FlowRead, ThreeLetterHeaderThenBaseHeaderThenBody) {
     TraceCapture trace(4);
-    Loopback net;
-    ASSERT_TRUE(net.ok());
     net.send(Wire()
                  .header(FLOW_REPLY, 5, "ECI", 4, 61444).be32(0xA1B2C3D4)
                  .header(FLOW_HANDSHAKE, -2, "BASE", 0)
                  .header(FLOW_PING, 0, "ESI", 2).be16(0x7777));
-    ReadBuffer r(net.client);
-    flowHeader h{};
 
     ASSERT_EQ(kvltest::readFlow(&r.sb, &h), 0);
-    EXPECT_EQ(h.eyecatcher, FLOW_EYECATCHER);
-    EXPECT_EQ(h.version, FLOW_VERSION);
     EXPECT_EQ(h.flowType, FLOW_REPLY);
     EXPECT_EQ(h.messageId, 5);
     EXPECT_EQ(h.rc, 61444);
@@ -103,12 +97,8 @@ TEST(FlowRead, ThreeLetterHeaderThenBaseHeaderThenBody) {
     EXPECT_EQ(r.sb.lastError, 0);
 }
 
-TEST(FlowRead, HeaderArrivingOneByteAtATime) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    net.sendTrickle(Wire().header(FLOW_CLOSE, -1, "BASE", 0).header(FLOW_REPLY, 9, "ESI", 0).bytes());
-    ReadBuffer r(net.client);
-    flowHeader h{};
+TEST_F(FlowRead, HeaderArrivingOneByteAtATime) {
+    net.sendInBackground(Wire().header(FLOW_CLOSE, -1, "BASE", 0).header(FLOW_REPLY, 9, "ESI", 0).bytes(), 0, true);
     ASSERT_EQ(clapiReadHeader(&r.sb, &h), 0);
     EXPECT_EQ(h.flowType, FLOW_CLOSE);
     EXPECT_EQ(h.messageId, -1);
@@ -117,50 +107,35 @@ TEST(FlowRead, HeaderArrivingOneByteAtATime) {
     EXPECT_EQ(h.messageId, 9);
 }
 
-TEST(FlowRead, BadEyecatcherIsRefused) {
+TEST_F(FlowRead, BadEyecatcherIsRefused) {
     TraceCapture trace(1);
-    Loopback net;
-    ASSERT_TRUE(net.ok());
-    Wire bad;
-    bad.text("Gatf").fill(28, 0);
-    net.send(bad);
-    ReadBuffer r(net.client);
-    flowHeader h{};
+    net.send(Wire().text("Gatf").fill(28, 0));
     EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_SYSTEM_ERROR);
     auto lines = trace.linesWithId(3213);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find("Bad eyecatcher! Expected=0x47617465, actual=0x47617466"), std::string::npos);
 }
 
-TEST(FlowRead, RequestTypeLongerThanTheFieldIsRefused) {
+TEST_F(FlowRead, RequestTypeLongerThanTheFieldIsRefused) {
     TraceCapture trace(1);
-    Loopback net;
-    ASSERT_TRUE(net.ok());
     for (uint32_t length : {7u, 0xFFFFFFFFu}) {
-        Wire w;
-        w.be32(FLOW_EYECATCHER).be32(FLOW_VERSION).be32(FLOW_REPLY).be32(1).be32(0).be32(length).fill(8, 'X');
-        net.send(w);
-        ReadBuffer r(net.client);
+        net.send(Wire().be32(FLOW_EYECATCHER).be32(FLOW_VERSION).be32(FLOW_REPLY).be32(1).be32(0).be32(length).fill(8, 'X'));
+        ReadBuffer fresh(net.client);
         struct {
             flowHeader h;
             uint8_t guard[16];
         } record;
         memset(&record, 0xA5, sizeof record);
-        EXPECT_EQ(clapiReadHeader(&r.sb, &record.h), KVL_ERR_SYSTEM_ERROR) << length;
+        EXPECT_EQ(clapiReadHeader(&fresh.sb, &record.h), KVL_ERR_SYSTEM_ERROR) << length;
         for (uint8_t g : record.guard) EXPECT_EQ(g, 0xA5);
         EXPECT_EQ(record.h.requestTypeLen, length);
     }
     EXPECT_EQ(trace.linesWithId(3250).size(), 2u);
 }
 
-TEST(FlowRead, PeerClosingMidHeaderFails) {
-    Loopback net;
-    ASSERT_TRUE(net.ok());
+TEST_F(FlowRead, PeerClosingMidHeaderFails) {
     net.send(Wire().be32(FLOW_EYECATCHER).be32(FLOW_VERSION));
     net.closePeer();
-    ReadBuffer r(net.client);
-    flowHeader h{};
     EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_LOSTGWCON);
     EXPECT_EQ(clapiReadHeader(&r.sb, &h), KVL_ERR_LOSTGWCON);
 }
-

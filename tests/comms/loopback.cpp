@@ -9,6 +9,7 @@ namespace kvltest {
 
 namespace {
 constexpr auto kWatchdogLimit = std::chrono::seconds(30);
+constexpr int32_t kMarkerId = 4242;  // the flow that must follow a decoded reply
 }
 
 Wire& Wire::header(int32_t flowType, int32_t messageId, const std::string& requestType, uint32_t bodyLen, int32_t rc) {
@@ -78,9 +79,11 @@ void Loopback::send(const Bytes& bytes) const {
     }
 }
 
-void Loopback::sendTrickle(const Bytes& bytes) {
+void Loopback::sendInBackground(const Bytes& bytes, int delayMs, bool trickle) {
     joinSender();
-    sender_ = std::thread([this, bytes] {
+    sender_ = std::thread([this, bytes, delayMs, trickle] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        if (!trickle) return send(bytes);
         for (uint8_t b : bytes) {
             if (platformSend(peer, &b, 1) != 1) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -101,17 +104,6 @@ Bytes Loopback::receive(size_t n, int timeoutSeconds) const {
     return out;
 }
 
-Bytes Loopback::receiveAvailable() const {
-    Bytes out;
-    uint8_t chunk[4096];
-    while (platformWaitReadable(peer, 1) > 0) {
-        long long rc = platformRecv(peer, chunk, sizeof chunk);
-        if (rc < 1) break;
-        out.insert(out.end(), chunk, chunk + rc);
-    }
-    return out;
-}
-
 void Loopback::closePeer() {
     joinSender();
     platformCloseSocket(peer);
@@ -125,6 +117,38 @@ int readFlow(sockBuffer* sb, flowHeader* header) {
     if (rc != 0) return rc;
     sb->dataRemaining = header->bodyLen - sb->bufferLen;
     return fillBuffer(sb);
+}
+
+SentRequest sendRequest(const char* requestType, int32_t messageId,
+                        const std::function<int(platformSocket, flowHeader*)>& send) {
+    Loopback net;
+    EXPECT_TRUE(net.ok());
+    flowHeader header;
+    clapiInitFlowHeader(&header, FLOW_REQUEST, messageId, requestType);
+    EXPECT_EQ(send(net.client, &header), 0);
+    Bytes expectedHeader = Wire().header(FLOW_REQUEST, messageId, requestType, header.bodyLen).bytes();
+    Bytes all = net.receive(expectedHeader.size() + header.bodyLen, 2);
+    if (all.size() < expectedHeader.size()) {
+        ADD_FAILURE() << "no whole header arrived";
+        return {};
+    }
+    auto bodyStart = all.begin() + static_cast<std::ptrdiff_t>(expectedHeader.size());
+    EXPECT_EQ(Bytes(all.begin(), bodyStart), expectedHeader);
+    return {Bytes(bodyStart, all.end()), header.bodyLen};
+}
+
+ReplyOnWire::ReplyOnWire(const char* requestType, const Wire& body) : buffer_(net_.client) {
+    EXPECT_TRUE(net_.ok());
+    Wire w;
+    w.header(FLOW_REPLY, 1, requestType, static_cast<uint32_t>(body.size())).raw(body.bytes());
+    net_.send(w.header(FLOW_PING, kMarkerId, requestType, 0));
+    flowHeader h{};
+    EXPECT_EQ(readFlow(&buffer_.sb, &h), 0);
+}
+
+bool ReplyOnWire::markerIsNext() {
+    flowHeader h{};
+    return readFlow(&buffer_.sb, &h) == 0 && h.flowType == FLOW_PING && h.messageId == kMarkerId;
 }
 
 std::string hex(const Bytes& bytes) {

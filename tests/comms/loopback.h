@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -46,12 +47,11 @@ public:
     // Sends from the peer's side.
     void send(const Bytes& bytes) const;
     void send(const Wire& wire) const { send(wire.bytes()); }
-    // Sends one byte a time with a pause between, from a background thread.
-    void sendTrickle(const Bytes& bytes);
+    // From a background thread, for flows larger than the socket holds, sent late, or
+    // one byte at a time with a pause between.
+    void sendInBackground(const Bytes& bytes, int delayMs = 0, bool trickle = false);
     // Exactly n bytes that reached the peer, or fewer if they did not come within the limit.
     Bytes receive(size_t n, int timeoutSeconds = 10) const;
-    // Whatever reached the peer within a short grace period (for "nothing more was sent").
-    Bytes receiveAvailable() const;
     void closePeer();
 
     platformSocket client = PLATFORM_INVALID_SOCKET;
@@ -66,15 +66,43 @@ private:
     bool finished_ = false;
 };
 
-// A read buffer as the receiver thread keeps one, freed at the end of the test.
-struct ReadBuffer {
+// A buffer record, freed at the end of the test if it was ever initialised.
+struct ScopedBuffer {
     sockBuffer sb{};
+    ~ScopedBuffer() {
+        if (sb.bufferStart) freeBuffer(&sb);
+    }
+};
+
+// A read buffer as the receiver thread keeps one.
+struct ReadBuffer : ScopedBuffer {
     explicit ReadBuffer(platformSocket s);
-    ~ReadBuffer() { freeBuffer(&sb); }
 };
 
 // The receiver thread's steps for one flow: header, then the body primed in the buffer.
 int readFlow(sockBuffer* sb, flowHeader* header);
+
+// One request flow as it reached the Gateway: the body after the header (whose bytes
+// are checked on the way) and the body length the header declared.
+struct SentRequest {
+    Bytes body;
+    uint32_t declared = 0;
+};
+SentRequest sendRequest(const char* requestType, int32_t messageId,
+                        const std::function<int(platformSocket, flowHeader*)>& send);
+
+// The Gateway's answer: a reply flow carrying `body`, then a marker flow. The reply's
+// header is read on construction; the decoder under test must leave the marker next.
+class ReplyOnWire {
+public:
+    ReplyOnWire(const char* requestType, const Wire& body);
+    sockBuffer* sb() { return &buffer_.sb; }
+    bool markerIsNext();
+
+private:
+    Loopback net_;
+    ReadBuffer buffer_;
+};
 
 // Upper-case hexadecimal of bytes, as the trace dump shows them.
 std::string hex(const Bytes& bytes);
