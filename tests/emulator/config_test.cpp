@@ -64,10 +64,6 @@ TEST_F(EmulatorTest, AppliedConfigurationServesAliasesServersAndUsers) {
     EXPECT_EQ(reply.count, 5);
     EXPECT_EQ(emu.programCallCount("PAYROLL"), 1u);
 
-    wire::EciRequest list;
-    list.requestType = wire::kEciListSystems;
-    list.listParm = 10;
-    auto systems = roundTrip(*client1, 2, list);
-    EXPECT_EQ(systems.listParm, 1);
+    EXPECT_EQ(roundTrip(*client1, 2, listSystems(10)).listParm, 1);
     EXPECT_TRUE(emu.user("ZED").has_value());
 }

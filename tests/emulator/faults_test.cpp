@@ -1,4 +1,5 @@
 // Faults on demand and the flow record.
+#include <algorithm>
 #include <mutex>
 
 #include "emu_fixture.h"
@@ -6,63 +7,43 @@
 using namespace emutest;
 using namespace kvlemu;
 
-TEST_F(EmulatorTest, TriggeredPingPrecedesTheReply) {
+TEST_F(EmulatorTest, TriggeredPingPrecedesTheReplyOnceOrUntilCleared) {
     emu.injectOnRequest("ECHO", Fault::ping());
     auto c = client();
     ASSERT_TRUE(sendEci(*c, 3, call("ECHO", text("x"))));
-    auto ping = c->readFlow(kWaitMs);
-    ASSERT_TRUE(ping);
-    EXPECT_EQ(ping->header.flowType, wire::kFlowPing);
-    EXPECT_EQ(ping->header.bodyLength, 0u);
+    EXPECT_EQ(nextFlow(*c, wire::kFlowPing).header.bodyLength, 0u);
     EXPECT_EQ(eciReply(*c, 3).commarea, text("x"));
-    // Only once.
-    EXPECT_EQ(roundTrip(*c, 4, call("ECHO", text("y"))).commarea, text("y"));
+    EXPECT_EQ(roundTrip(*c, 4, call("ECHO", text("y"))).commarea, text("y"));  // only once
+
+    emu.injectOnRequest("ECHO", Fault::ping(), -1);
+    for (int id = 5; id <= 7; ++id) {
+        ASSERT_TRUE(sendEci(*c, id, call("ECHO", text("x"))));
+        nextFlow(*c, wire::kFlowPing);
+        eciReply(*c, id);
+    }
+    emu.clearFaults();
+    EXPECT_EQ(roundTrip(*c, 8, call("ECHO", text("z"))).commarea, text("z"));
 }
 
-TEST_F(EmulatorTest, TriggeredExceptionAndErrorReplaceTheReply) {
-    emu.injectOnRequest("ECHO", Fault::exception("Server on fire"));
+TEST_F(EmulatorTest, TriggeredStrayReplyPrecedesTheReplyExceptionAndErrorReplaceIt) {
+    emu.injectOnRequest("ECHO", Fault::strayReply(999));
+    emu.injectOnRequest("SHORT", Fault::exception("Server on fire"));
     emu.injectOnRequest("ABEND", Fault::errorFlow(61446));
     auto c = client();
-    ASSERT_TRUE(sendEci(*c, 5, call("ECHO", text("x"))));
-    auto ex = c->readFlow(kWaitMs);
-    ASSERT_TRUE(ex);
-    EXPECT_EQ(ex->header.flowType, wire::kFlowException);
-    EXPECT_EQ(ex->header.messageId, 5);
-    wire::MemorySource src(ex->body);
-    std::string message, error;
-    ASSERT_TRUE(wire::decodeExceptionBody(src, message, error));
-    EXPECT_EQ(message, "Server on fire");
+    ASSERT_TRUE(sendEci(*c, 1, call("ECHO", text("x"))));
+    EXPECT_EQ(nextFlow(*c, wire::kFlowReply).header.messageId, 999);
+    EXPECT_EQ(eciReply(*c, 1).commarea, text("x"));
+    ASSERT_TRUE(sendEci(*c, 5, call("SHORT", text("x"))));
+    auto ex = nextFlow(*c, wire::kFlowException);
+    EXPECT_EQ(ex.header.messageId, 5);
+    EXPECT_EQ(decodeAll<std::string>(ex.body, wire::decodeExceptionBody), "Server on fire");
 
     ASSERT_TRUE(sendEci(*c, 6, call("ABEND", text("x"))));
-    auto err = c->readFlow(kWaitMs);
-    ASSERT_TRUE(err);
-    EXPECT_EQ(err->header.flowType, wire::kFlowError);
-    EXPECT_EQ(err->header.messageId, 6);
-    EXPECT_EQ(err->header.rc, 61446);
-    EXPECT_EQ(err->header.requestType, "ECI");
-    EXPECT_TRUE(emu.waitForRepliesSent(2, kWaitMs));
-}
-
-TEST_F(EmulatorTest, TriggeredStrayReplyComesBeforeTheRealOne) {
-    emu.injectOnRequest("ECHO", Fault::strayReply(999));
-    auto c = client();
-    ASSERT_TRUE(sendEci(*c, 1, call("ECHO", text("x"))));
-    auto stray = c->readFlow(kWaitMs);
-    ASSERT_TRUE(stray);
-    EXPECT_EQ(stray->header.flowType, wire::kFlowReply);
-    EXPECT_EQ(stray->header.messageId, 999);
-    EXPECT_EQ(eciReply(*c, 1).commarea, text("x"));
-}
-
-TEST_F(EmulatorTest, TriggeredCloseFlowEndsTheConnection) {
-    emu.injectOnRequest(kTriggerAny, Fault::closeFlow());
-    auto c = client();
-    ASSERT_TRUE(sendEci(*c, 1, call("ECHO", text("x"))));
-    auto close = c->readFlow(kWaitMs);
-    ASSERT_TRUE(close);
-    EXPECT_EQ(close->header.flowType, wire::kFlowClose);
-    EXPECT_EQ(close->header.messageId, -1);
-    EXPECT_TRUE(c->waitClosed(kWaitMs));
+    auto err = nextFlow(*c, wire::kFlowError);
+    EXPECT_EQ(err.header.messageId, 6);
+    EXPECT_EQ(err.header.rc, 61446);
+    EXPECT_EQ(err.header.requestType, "ECI");
+    EXPECT_TRUE(emu.waitForRepliesSent(3, kWaitMs));
 }
 
 TEST_F(EmulatorTest, TriggeredGarbageIsNoHeader) {
@@ -74,7 +55,13 @@ TEST_F(EmulatorTest, TriggeredGarbageIsNoHeader) {
     EXPECT_EQ(c->pending(), junk);
 }
 
-TEST_F(EmulatorTest, TriggeredDropsEndTheConnectionWithOrWithoutPartOfTheReply) {
+TEST_F(EmulatorTest, TriggeredCloseFlowAndDropsEndTheConnection) {
+    emu.injectOnRequest(kTriggerAny, Fault::closeFlow());
+    auto b = client();
+    ASSERT_TRUE(sendEci(*b, 1, call("ECHO", text("x"))));
+    EXPECT_EQ(nextFlow(*b, wire::kFlowClose).header.messageId, -1);
+    EXPECT_TRUE(b->waitClosed(kWaitMs));
+
     emu.injectOnRequest("ECHO", Fault::drop());
     auto c = client();
     ASSERT_TRUE(sendEci(*c, 1, call("ECHO", text("x"))));
@@ -83,8 +70,7 @@ TEST_F(EmulatorTest, TriggeredDropsEndTheConnectionWithOrWithoutPartOfTheReply) 
 
     emu.injectOnRequest("ECHO", Fault::dropMidReply());
     auto d = client();
-    Bytes data(1000, 0x42);
-    ASSERT_TRUE(sendEci(*d, 2, call("ECHO", data)));
+    ASSERT_TRUE(sendEci(*d, 2, call("ECHO", Bytes(1000, 0x42))));
     EXPECT_TRUE(d->waitClosed(kWaitMs));
     // The header and part of the body came; the body did not complete.
     ASSERT_GT(d->pending().size(), 32u);
@@ -110,67 +96,28 @@ TEST_F(EmulatorTest, FaultsForListSystemsAndEsiUseTheirTriggerNames) {
     emu.injectOnRequest(kTriggerListSystems, Fault::errorFlow(-9));
     emu.injectOnRequest(kTriggerEsi, Fault::exception("no security today"));
     auto c = client();
-    wire::EciRequest list;
-    list.requestType = wire::kEciListSystems;
-    list.listParm = 4;
-    ASSERT_TRUE(sendEci(*c, 1, list));
-    auto f = c->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.flowType, wire::kFlowError);
-    EXPECT_EQ(f->header.rc, -9);
-
+    ASSERT_TRUE(sendEci(*c, 1, listSystems(4)));
+    EXPECT_EQ(nextFlow(*c, wire::kFlowError).header.rc, -9);
     wire::EsiRequest esi;
     esi.userid = "U";
     esi.password = "p";
     ASSERT_TRUE(c->sendRequest(2, "ESI", wire::encodeEsiRequestBody(esi)));
-    f = c->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.flowType, wire::kFlowException);
-    EXPECT_EQ(f->header.messageId, 2);
-}
-
-TEST_F(EmulatorTest, RepeatingTriggersAndClearFaults) {
-    emu.injectOnRequest("ECHO", Fault::ping(), -1);
-    auto c = client();
-    for (int id = 1; id <= 3; ++id) {
-        ASSERT_TRUE(sendEci(*c, id, call("ECHO", text("x"))));
-        auto ping = c->readFlow(kWaitMs);
-        ASSERT_TRUE(ping);
-        EXPECT_EQ(ping->header.flowType, wire::kFlowPing);
-        eciReply(*c, id);
-    }
-    emu.clearFaults();
-    EXPECT_EQ(roundTrip(*c, 4, call("ECHO", text("z"))).commarea, text("z"));
+    EXPECT_EQ(nextFlow(*c, wire::kFlowException).header.messageId, 2);
 }
 
 TEST_F(EmulatorTest, InjectedFaultsReachTheChosenConnection) {
     auto first = client("FIRST");
     auto second = client("SECOND");
     ASSERT_TRUE(emu.waitForHandshakes(2, kWaitMs));
-
     ASSERT_TRUE(emu.inject(Fault::ping(), 0));
-    auto f = first->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.flowType, wire::kFlowPing);
+    nextFlow(*first, wire::kFlowPing);
     EXPECT_FALSE(second->readFlow(kQuietMs));
-
     ASSERT_TRUE(emu.inject(Fault::exception("hello", 77)));  // latest: the second
-    f = second->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.flowType, wire::kFlowException);
-    EXPECT_EQ(f->header.messageId, 77);
-
+    EXPECT_EQ(nextFlow(*second, wire::kFlowException).header.messageId, 77);
     ASSERT_TRUE(emu.inject(Fault::strayReply(55), 1));
-    f = second->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.messageId, 55);
-
+    EXPECT_EQ(nextFlow(*second, wire::kFlowReply).header.messageId, 55);
     ASSERT_TRUE(emu.inject(Fault::errorFlow(-102, 9), 0));
-    f = first->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.flowType, wire::kFlowError);
-    EXPECT_EQ(f->header.rc, -102);
-
+    EXPECT_EQ(nextFlow(*first, wire::kFlowError).header.rc, -102);
     ASSERT_TRUE(emu.inject(Fault::garbage(), 1));
     EXPECT_TRUE(second->receiveAtLeast(8, kWaitMs));
 
@@ -178,17 +125,14 @@ TEST_F(EmulatorTest, InjectedFaultsReachTheChosenConnection) {
     EXPECT_FALSE(emu.inject(Fault::ping(), 42));
 
     ASSERT_TRUE(emu.inject(Fault::closeFlow(), 0));
-    f = first->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.messageId, -1);
+    EXPECT_EQ(nextFlow(*first, wire::kFlowClose).header.messageId, -1);
     EXPECT_TRUE(first->waitClosed(kWaitMs));
-
     ASSERT_TRUE(emu.inject(Fault::drop(), 1));
     EXPECT_TRUE(second->waitClosed(kWaitMs));
     EXPECT_TRUE(emu.waitForConnectionClosed(1, kWaitMs));
 }
 
-TEST_F(EmulatorTest, RecordKeepsRawBytesAndDecodedBodies) {
+TEST_F(EmulatorTest, RecordKeepsRawBytesAndDecodedBodiesUpToItsLimit) {
     auto c = client("APPL1");
     auto req = call("ECHO", text("abc"));
     req.userid = wire::nameField("ALICE");
@@ -222,6 +166,15 @@ TEST_F(EmulatorTest, RecordKeepsRawBytesAndDecodedBodies) {
     emu.clearRecordedFlows();
     EXPECT_EQ(emu.flowCount(), 0u);
     EXPECT_TRUE(emu.recordedFlows().empty());
+
+    emu.setRecordLimit(2);  // keeps the newest
+    for (int id = 5; id <= 7; ++id) roundTrip(*c, id, call("ECHO", text("x")));
+    ASSERT_TRUE(emu.waitForFlows(3, kWaitMs));
+    flows = emu.recordedFlows();
+    ASSERT_EQ(flows.size(), 2u);
+    EXPECT_EQ(flows[0].header.messageId, 6);
+    EXPECT_EQ(flows[1].header.messageId, 7);
+    EXPECT_EQ(emu.flowCount(), 3u);
 }
 
 TEST_F(EmulatorTest, MalformedFlowsAreRecordedAndCloseOnlyTheirConnection) {
@@ -253,18 +206,6 @@ TEST_F(EmulatorTest, MalformedFlowsAreRecordedAndCloseOnlyTheirConnection) {
     EXPECT_EQ(roundTrip(*healthy, 1, call("ECHO", text("still here"))).commarea, text("still here"));
 }
 
-TEST_F(EmulatorTest, RecordLimitKeepsTheNewestFlows) {
-    emu.setRecordLimit(2);
-    auto c = client();
-    for (int id = 1; id <= 3; ++id) roundTrip(*c, id, call("ECHO", text("x")));
-    ASSERT_TRUE(emu.waitForFlows(4, kWaitMs));
-    auto flows = emu.recordedFlows();
-    ASSERT_EQ(flows.size(), 2u);
-    EXPECT_EQ(flows[0].header.messageId, 2);
-    EXPECT_EQ(flows[1].header.messageId, 3);
-    EXPECT_EQ(emu.flowCount(), 4u);
-}
-
 TEST_F(EmulatorTest, LogWritesOneLinePerFlow) {
     std::vector<std::string> lines;
     std::mutex mu;
@@ -278,9 +219,7 @@ TEST_F(EmulatorTest, LogWritesOneLinePerFlow) {
     roundTrip(*c, 1, call("ECHO", text("x")));
     ASSERT_TRUE(emu.waitForRepliesSent(1, kWaitMs));
     emu.setLog(nullptr, 0);  // the sink's captures end with this test
-    bool sawRequest = false;
-    for (const auto& l : lines)
-        if (l.find("<- REQUEST ECI id=1") != std::string::npos && l.find("program=ECHO") != std::string::npos)
-            sawRequest = true;
-    EXPECT_TRUE(sawRequest);
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
+        return l.find("<- REQUEST ECI id=1") != std::string::npos && l.find("program=ECHO") != std::string::npos;
+    }));
 }

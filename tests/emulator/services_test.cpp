@@ -35,19 +35,11 @@ const wire::Container& entryNamed(const wire::Channel& ch, const std::string& na
 }
 
 wire::EsiReply esi(RawClient& c, int32_t id, const wire::EsiRequest& r) {
-    wire::EsiReply reply;
     EXPECT_TRUE(c.sendRequest(id, "ESI", wire::encodeEsiRequestBody(r)));
-    auto f = c.readFlow(kWaitMs);
-    EXPECT_TRUE(f);
-    if (!f) return reply;
-    EXPECT_EQ(f->header.flowType, wire::kFlowReply);
-    EXPECT_EQ(f->header.messageId, id);
-    EXPECT_EQ(f->header.requestType, "ESI");
-    wire::MemorySource src(f->body);
-    std::string error;
-    EXPECT_TRUE(wire::decodeEsiReplyBody(src, reply, error)) << error;
-    EXPECT_EQ(src.remaining(), 0u);
-    return reply;
+    auto f = nextFlow(c, wire::kFlowReply);
+    EXPECT_EQ(f.header.messageId, id);
+    EXPECT_EQ(f.header.requestType, "ESI");
+    return decodeAll<wire::EsiReply>(f.body, wire::decodeEsiReplyBody);
 }
 
 wire::EsiRequest verify(const std::string& user, const std::string& pw, const std::string& server = "") {
@@ -60,7 +52,7 @@ wire::EsiRequest verify(const std::string& user, const std::string& pw, const st
 
 }  // namespace
 
-TEST_F(EmulatorTest, ChannelEchoReturnsEveryContainerModified) {
+TEST_F(EmulatorTest, ChannelEchoReturnsEveryContainerModifiedOtherProgramsNone) {
     auto c = client();
     auto req = channelCall("CHANECHO", {container("ONE", "first"), container("TWO", std::string(1000, 'x'), 1)});
     auto reply = roundTrip(*c, 1, req);
@@ -73,6 +65,12 @@ TEST_F(EmulatorTest, ChannelEchoReturnsEveryContainerModified) {
     EXPECT_EQ(entryNamed(*reply.channel, "ONE").data, text("first"));
     EXPECT_EQ(entryNamed(*reply.channel, "TWO").data.size(), 1000u);
     EXPECT_EQ(entryNamed(*reply.channel, "TWO").type, 1);
+
+    // A program that does not answer with a channel leaves every container unchanged.
+    reply = roundTrip(*c, 2, channelCall("ECHO", {container("ONLY", "data")}));
+    ASSERT_TRUE(reply.channel);
+    ASSERT_EQ(reply.channel->containers.size(), 1u);
+    EXPECT_EQ(reply.channel->containers[0].state, wire::kContainerUnchanged);
 }
 
 TEST_F(EmulatorTest, ChannelControlAddsModifiesDeletesAndLeavesUnchanged) {
@@ -114,37 +112,18 @@ TEST_F(EmulatorTest, ChannelRequestsDeclaringFourExtraBytesPerContainerKeepTheSt
     EXPECT_EQ(chanFlow.eci->channel->containers.size(), 3u);
 }
 
-TEST_F(EmulatorTest, ChannelRequestWithoutChannelReplyLeavesContainersUnchanged) {
-    auto c = client();
-    auto reply = roundTrip(*c, 1, channelCall("ECHO", {container("ONLY", "data")}));
-    ASSERT_TRUE(reply.channel);
-    ASSERT_EQ(reply.channel->containers.size(), 1u);
-    EXPECT_EQ(reply.channel->containers[0].state, wire::kContainerUnchanged);
-}
-
 TEST_F(EmulatorTest, ListSystemsReportsCountMoreAndNone) {
     emu.addServer({"SRV2", "Second server", false});
     emu.addServer({"SRV3", "Third server", false});
     auto c = client();
-    auto list = [&](int32_t capacity) {
-        wire::EciRequest r;
-        r.requestType = wire::kEciListSystems;
-        r.listParm = capacity;
-        return roundTrip(*c, 9, r);
-    };
+    auto list = [&](int32_t capacity) { return roundTrip(*c, 9, listSystems(capacity)); };
 
     auto all = list(5);
     EXPECT_EQ(all.rc, 0);
     EXPECT_EQ(all.listParm, 3);
-    ASSERT_EQ(all.commarea.size(), 3 * wire::kSystemEntrySize);
-    EXPECT_EQ(all.commarea, [] {
-        Bytes b = wire::encodeSystemEntry("EMUSRV", "Gateway emulator server");
-        Bytes s2 = wire::encodeSystemEntry("SRV2", "Second server");
-        Bytes s3 = wire::encodeSystemEntry("SRV3", "Third server");
-        b.insert(b.end(), s2.begin(), s2.end());
-        b.insert(b.end(), s3.begin(), s3.end());
-        return b;
-    }());
+    EXPECT_EQ(all.commarea, cat({wire::encodeSystemEntry("EMUSRV", "Gateway emulator server"),
+                                 wire::encodeSystemEntry("SRV2", "Second server"),
+                                 wire::encodeSystemEntry("SRV3", "Third server")}));
 
     auto some = list(2);
     EXPECT_EQ(some.rc, rc::kMoreSystems);
@@ -163,25 +142,10 @@ TEST_F(EmulatorTest, ListSystemsReportsCountMoreAndNone) {
 }
 
 TEST_F(EmulatorTest, EsiVerifyAnswersWithTheGatewayCodes) {
-    User alice;
-    alice.userid = "ALICE";
-    alice.password = "pw1";
-    emu.addUser(alice);
-    User old;
-    old.userid = "OLD";
-    old.password = "pw";
-    old.expired = true;
-    emu.addUser(old);
-    User locked;
-    locked.userid = "LOCKED";
-    locked.password = "pw";
-    locked.revoked = true;
-    emu.addUser(locked);
-    User forced;
-    forced.userid = "FORCED";
-    forced.password = "pw";
-    forced.forcedRc = -28;
-    emu.addUser(forced);
+    emu.addUser({.userid = "ALICE", .password = "pw1"});
+    emu.addUser({.userid = "OLD", .password = "pw", .expired = true});
+    emu.addUser({.userid = "LOCKED", .password = "pw", .revoked = true});
+    emu.addUser({.userid = "FORCED", .password = "pw", .forcedRc = -28});
 
     auto c = client();
     auto ok = esi(*c, 1, verify("ALICE", "pw1"));
@@ -199,10 +163,7 @@ TEST_F(EmulatorTest, EsiVerifyAnswersWithTheGatewayCodes) {
 }
 
 TEST_F(EmulatorTest, EsiChangeRejectsBadNewPasswordsAndStoresGoodOnes) {
-    User bob;
-    bob.userid = "BOB";
-    bob.password = "old";
-    bob.expired = true;
+    User bob{.userid = "BOB", .password = "old", .expired = true};
     bob.details[21] = 5;
     emu.addUser(bob);
     auto c = client();
@@ -228,10 +189,7 @@ TEST_F(EmulatorTest, EsiChangeRejectsBadNewPasswordsAndStoresGoodOnes) {
 
 TEST_F(EmulatorTest, SecuredServerChecksEciCredentials) {
     emu.addServer({"SECURE", "needs a password", true});
-    User u;
-    u.userid = "CAROL";
-    u.password = "letmein";
-    emu.addUser(u);
+    emu.addUser({.userid = "CAROL", .password = "letmein"});
     auto c = client();
     auto req = call("ECHO", text("x"));
     req.serverName = wire::nameField("SECURE", 8);

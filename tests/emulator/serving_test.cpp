@@ -1,4 +1,5 @@
 // Serving: handshake modes, program replies, ordering, units of work, concurrency.
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -8,61 +9,61 @@
 using namespace emutest;
 using namespace kvlemu;
 
-TEST_F(EmulatorTest, HandshakeIsAnsweredAndApplidRecorded) {
-    RawClient c;
-    ASSERT_TRUE(c.connect("127.0.0.1", emu.port()));
-    auto answer = c.handshake("APPL\xE9", "QUAL1", kWaitMs);
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->header.flowType, wire::kFlowHandshake);
-    EXPECT_EQ(answer->header.messageId, wire::kHandshakeMessageId);
-    EXPECT_EQ(answer->header.requestType, "BASE");
-    ASSERT_TRUE(emu.waitForHandshakes(1, kWaitMs));
+namespace {
+
+wire::EciRequest unitCall(const std::string& program, int32_t extendMode, int32_t token) {
+    wire::EciRequest r;
+    r.program = wire::nameField(program, 8);
+    r.extendMode = extendMode;
+    r.luwToken = token;
+    r.commareaLength = 20;
+    r.commarea = Bytes(20, 0);
+    return r;
+}
+
+bool startsWith(const Bytes& data, const std::string& prefix) {
+    return data.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), data.begin());
+}
+
+}  // namespace
+
+TEST_F(EmulatorTest, HandshakeModesAnswerRefuseStaySilentOrDrop) {
+    struct Case {
+        HandshakeMode mode;
+        int32_t answer;  // flow type, 0 for none
+        bool closes;
+    };
+    const Case cases[] = {
+        {HandshakeMode::Accept, wire::kFlowHandshake, false},   {HandshakeMode::Refuse, wire::kFlowError, false},
+        {HandshakeMode::Silent, 0, false},                      {HandshakeMode::DropOnAccept, 0, true},
+        {HandshakeMode::DropOnHandshake, 0, true},              {HandshakeMode::AcceptThenDrop, wire::kFlowHandshake, true},
+    };
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (const Case& k : cases) {
+        SCOPED_TRACE(static_cast<int>(k.mode));
+        emu.setHandshake(k.mode, 61450);
+        clients.push_back(connected());
+        RawClient& c = *clients.back();
+        auto answer = c.handshake("APPL\xE9", "QUAL1", k.answer || k.closes ? kWaitMs : kQuietMs);
+        ASSERT_EQ(answer.has_value(), k.answer != 0);
+        if (answer) {
+            EXPECT_EQ(answer->header.flowType, k.answer);
+            EXPECT_EQ(answer->header.messageId, wire::kHandshakeMessageId);
+            EXPECT_EQ(answer->header.requestType, "BASE");
+            EXPECT_EQ(answer->header.rc, k.mode == HandshakeMode::Refuse ? 61450 : 0);
+        }
+        EXPECT_EQ(k.closes ? c.waitClosed(kWaitMs) : c.ended(), k.closes);
+    }
+    EXPECT_TRUE(emu.waitForHandshakes(3, kWaitMs));  // the silent one counts too
+    EXPECT_TRUE(emu.waitForConnectionClosed(5, kWaitMs));
     auto conns = emu.connections();
-    ASSERT_EQ(conns.size(), 1u);
+    ASSERT_EQ(conns.size(), 6u);
     EXPECT_EQ(conns[0].applid, "APPL\xE9");
     EXPECT_EQ(conns[0].qualifier, "QUAL1");
     EXPECT_TRUE(conns[0].open);
 }
 
-TEST_F(EmulatorTest, RefusedHandshakeGetsErrorFlowWithChosenRc) {
-    emu.setHandshake(HandshakeMode::Refuse, 61450);
-    RawClient c;
-    ASSERT_TRUE(c.connect("127.0.0.1", emu.port()));
-    auto answer = c.handshake("APPL1", "", kWaitMs);
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->header.flowType, wire::kFlowError);
-    EXPECT_EQ(answer->header.messageId, -2);
-    EXPECT_EQ(answer->header.rc, 61450);
-}
-
-TEST_F(EmulatorTest, SilentHandshakeNeverAnswersButKeepsTheConnection) {
-    emu.setHandshake(HandshakeMode::Silent);
-    RawClient c;
-    ASSERT_TRUE(c.connect("127.0.0.1", emu.port()));
-    EXPECT_FALSE(c.handshake("APPL1", "", kQuietMs));
-    EXPECT_FALSE(c.ended());
-    EXPECT_TRUE(emu.waitForHandshakes(1, kWaitMs));
-}
-
-TEST_F(EmulatorTest, HandshakeDropModesCloseTheConnection) {
-    struct Case {
-        HandshakeMode mode;
-        bool answered;
-    };
-    for (auto [mode, answered] : {Case{HandshakeMode::DropOnAccept, false}, Case{HandshakeMode::DropOnHandshake, false},
-                                  Case{HandshakeMode::AcceptThenDrop, true}}) {
-        emu.setHandshake(mode);
-        RawClient c;
-        ASSERT_TRUE(c.connect("127.0.0.1", emu.port()));
-        auto answer = c.handshake("APPL1", "", kWaitMs);
-        EXPECT_EQ(answer.has_value(), answered);
-        EXPECT_TRUE(c.waitClosed(kWaitMs));
-    }
-    EXPECT_TRUE(emu.waitForConnectionClosed(2, kWaitMs));
-    EXPECT_EQ(emu.connectionCount(), 3u);
-}
-
-TEST_F(EmulatorTest, EchoReturnsTheWholeCommarea) {
+TEST_F(EmulatorTest, EchoReturnsWhatOutboundInboundAndShortRepliesAllow) {
     auto c = client();
     Bytes data = text("Hello, Gateway!");
     auto reply = roundTrip(*c, 1, call("ECHO", data));
@@ -71,35 +72,30 @@ TEST_F(EmulatorTest, EchoReturnsTheWholeCommarea) {
     EXPECT_FALSE(reply.explicitCount);
     EXPECT_EQ(reply.commarea, data);
     EXPECT_EQ(emu.programCallCount("ECHO"), 1u);
-}
 
-TEST_F(EmulatorTest, ReturnedBytesFollowOutboundInboundAndShortReplies) {
-    auto c = client();
     // Only 10 of 100 bytes sent: the rest of the program's COMMAREA is zero.
     auto req = call("ECHO", Bytes(10, 0x31));
     req.commareaLength = 100;
     req.outboundLength = 10;
-    auto reply = roundTrip(*c, 1, req);
-    EXPECT_EQ(reply.commarea.size(), 100u);
-    EXPECT_EQ(reply.commarea[9], 0x31);
-    EXPECT_EQ(reply.commarea[10], 0);
+    reply = roundTrip(*c, 2, req);
+    EXPECT_EQ(reply.commarea, cat({Bytes(10, 0x31), Bytes(90, 0)}));
 
     // The client expects only 20 back.
     auto in = call("ECHO", Bytes(100, 0x32));
     in.inboundLength = 20;
-    reply = roundTrip(*c, 2, in);
+    reply = roundTrip(*c, 3, in);
     EXPECT_TRUE(reply.explicitCount);
     EXPECT_EQ(reply.count, 20);
     EXPECT_EQ(reply.commareaLength, 100);
     EXPECT_EQ(reply.commarea, Bytes(20, 0x32));
 
-    reply = roundTrip(*c, 3, call("SHORT", Bytes(100, 0x33)));
+    reply = roundTrip(*c, 4, call("SHORT", Bytes(100, 0x33)));
     EXPECT_TRUE(reply.explicitCount);
     EXPECT_EQ(reply.count, 50);
     EXPECT_EQ(reply.commarea.size(), 50u);
 }
 
-TEST_F(EmulatorTest, AbendUnknownProgramAndServerRouting) {
+TEST_F(EmulatorTest, AbendsUnknownProgramsThrowingProgramsAndServerRouting) {
     auto c = client();
     auto reply = roundTrip(*c, 1, call("ABEND", text("XY12 rest")));
     EXPECT_EQ(reply.rc, rc::kTransactionAbend);
@@ -120,9 +116,13 @@ TEST_F(EmulatorTest, AbendUnknownProgramAndServerRouting) {
     reply = roundTrip(*c, 4, named);
     EXPECT_EQ(reply.rc, 0);
 
+    emu.registerProgram("THROWS", [](const ProgramCall&) -> ProgramResult { throw std::runtime_error("boom"); });
+    reply = roundTrip(*c, 5, call("THROWS", text("x")));  // abends instead of crashing
+    EXPECT_EQ(reply.rc, rc::kTransactionAbend);
+    EXPECT_EQ(reply.abend, "EXCP");
+
     emu.clearServers();
-    reply = roundTrip(*c, 5, call("ECHO", text("abc")));
-    EXPECT_EQ(reply.rc, rc::kNoServer);
+    EXPECT_EQ(roundTrip(*c, 6, call("ECHO", text("abc"))).rc, rc::kNoServer);
 }
 
 TEST_F(EmulatorTest, RegisteredProgramSeesTheDecodedCall) {
@@ -155,81 +155,48 @@ TEST_F(EmulatorTest, RegisteredProgramSeesTheDecodedCall) {
     EXPECT_EQ(seen.commarea, text("input"));
 }
 
-TEST_F(EmulatorTest, ThrowingProgramAbendsInsteadOfCrashing) {
-    emu.registerProgram("THROWS", [](const ProgramCall&) -> ProgramResult { throw std::runtime_error("boom"); });
-    auto c = client();
-    auto reply = roundTrip(*c, 1, call("THROWS", text("x")));
-    EXPECT_EQ(reply.rc, rc::kTransactionAbend);
-    EXPECT_EQ(reply.abend, "EXCP");
-}
-
 TEST_F(EmulatorTest, SlowProgramDoesNotHoldUpAFastOneOnTheSameConnection) {
     auto c = client();
     ASSERT_TRUE(sendEci(*c, 1, call("GATE", text("first"))));
     ASSERT_TRUE(emu.waitForGateWaiters(1, kWaitMs));
     ASSERT_TRUE(sendEci(*c, 2, call("ECHO", text("second"))));
-    auto fast = eciReply(*c, 2);
-    EXPECT_EQ(fast.commarea, text("second"));
+    EXPECT_EQ(eciReply(*c, 2).commarea, text("second"));
     emu.releaseGate();
-    auto slow = eciReply(*c, 1);
-    EXPECT_EQ(slow.commarea, text("first"));
+    EXPECT_EQ(eciReply(*c, 1).commarea, text("first"));
 }
 
-TEST_F(EmulatorTest, DelayProgramAnswersAndStopInterruptsIt) {
+TEST_F(EmulatorTest, DelayProgramAnswersAndStopInterruptsDelaysAndGateWaiters) {
     auto c = client();
-    auto reply = roundTrip(*c, 1, call("DELAY", text("20")));
-    EXPECT_EQ(reply.commarea, text("20"));
-
+    EXPECT_EQ(roundTrip(*c, 1, call("DELAY", text("20"))).commarea, text("20"));
     ASSERT_TRUE(sendEci(*c, 2, call("DELAY", text("60000"))));
+    ASSERT_TRUE(sendEci(*c, 3, call("GATE", text("x"))));
     ASSERT_TRUE(emu.waitForProgramCalls("DELAY", 2, kWaitMs));
+    ASSERT_TRUE(emu.waitForGateWaiters(1, kWaitMs));
     emu.stop();  // must not wait a minute
     EXPECT_FALSE(emu.running());
-}
-
-TEST_F(EmulatorTest, StopReleasesGateWaitersAndClosesConnections) {
-    auto c = client();
-    ASSERT_TRUE(sendEci(*c, 1, call("GATE", text("x"))));
-    ASSERT_TRUE(emu.waitForGateWaiters(1, kWaitMs));
-    emu.stop();
     EXPECT_TRUE(c->waitClosed(kWaitMs));
     EXPECT_EQ(emu.openConnectionCount(), 0u);
 }
 
 TEST_F(EmulatorTest, UnitOfWorkOpensContinuesAndEnds) {
     auto c = client();
-    auto open = call("LUW", Bytes(20, 0));
-    open.extendMode = 1;
-    auto first = roundTrip(*c, 1, open);
+    auto first = roundTrip(*c, 1, unitCall("LUW", 1, 0));
     ASSERT_EQ(first.rc, 0);
     ASSERT_NE(first.luwToken, 0);
     const int32_t token = first.luwToken;
-    const std::string call1 = "LUW " + std::to_string(token) + " CALL 1";
-    EXPECT_EQ(std::string(first.commarea.begin(), first.commarea.begin() + call1.size()), call1);
-
-    auto more = open;
-    more.luwToken = token;
-    auto second = roundTrip(*c, 1, more);
+    EXPECT_TRUE(startsWith(first.commarea, "LUW " + std::to_string(token) + " CALL 1"));
+    auto second = roundTrip(*c, 1, unitCall("LUW", 1, token));
     EXPECT_EQ(second.luwToken, token);
-    const std::string call2 = "LUW " + std::to_string(token) + " CALL 2";
-    EXPECT_EQ(std::string(second.commarea.begin(), second.commarea.begin() + call2.size()), call2);
+    EXPECT_TRUE(startsWith(second.commarea, "LUW " + std::to_string(token) + " CALL 2"));
 
-    auto commit = call("", Bytes(20, 0));
-    commit.extendMode = 2;
-    commit.luwToken = token;
-    auto ended = roundTrip(*c, 1, commit);
+    auto ended = roundTrip(*c, 1, unitCall("", 2, token));
     EXPECT_EQ(ended.rc, 0);
     EXPECT_EQ(ended.luwToken, 0);
     EXPECT_TRUE(ended.commarea.empty());
+    EXPECT_EQ(roundTrip(*c, 1, unitCall("", 2, token)).rc, rc::kLuwToken);  // the token is gone now
 
-    // The token is gone now.
-    auto again = roundTrip(*c, 1, commit);
-    EXPECT_EQ(again.rc, rc::kLuwToken);
-
-    auto second_luw = roundTrip(*c, 2, open);
-    auto backout = commit;
-    backout.extendMode = 4;
-    backout.luwToken = second_luw.luwToken;
-    EXPECT_EQ(roundTrip(*c, 2, backout).rc, 0);
+    int32_t another = roundTrip(*c, 2, unitCall("LUW", 1, 0)).luwToken;
+    EXPECT_EQ(roundTrip(*c, 2, unitCall("", 4, another)).rc, 0);
 
     auto events = emu.luwEvents();
     ASSERT_EQ(events.size(), 4u);
@@ -242,26 +209,16 @@ TEST_F(EmulatorTest, UnitOfWorkOpensContinuesAndEnds) {
 
 TEST_F(EmulatorTest, UnitOfWorkErrorsAndAbandonment) {
     auto c = client();
-    auto bad = call("ECHO", text("x"));
-    bad.extendMode = 1;
-    bad.luwToken = 4242;
-    EXPECT_EQ(roundTrip(*c, 1, bad).rc, rc::kLuwToken);
-    bad.extendMode = 3;
-    bad.luwToken = 0;
-    EXPECT_EQ(roundTrip(*c, 1, bad).rc, rc::kInvalidExtendMode);
+    EXPECT_EQ(roundTrip(*c, 1, unitCall("ECHO", 1, 4242)).rc, rc::kLuwToken);
+    EXPECT_EQ(roundTrip(*c, 1, unitCall("ECHO", 3, 0)).rc, rc::kInvalidExtendMode);
 
     // A failing program backs its unit of work out.
-    auto open = call("ECHO", text("x"));
-    open.extendMode = 1;
-    int32_t token = roundTrip(*c, 1, open).luwToken;
-    auto fail = call("ABEND", text("x"));
-    fail.extendMode = 1;
-    fail.luwToken = token;
-    auto failed = roundTrip(*c, 1, fail);
+    int32_t token = roundTrip(*c, 1, unitCall("ECHO", 1, 0)).luwToken;
+    auto failed = roundTrip(*c, 1, unitCall("ABEND", 1, token));
     EXPECT_EQ(failed.rc, rc::kTransactionAbend);
     EXPECT_EQ(failed.luwToken, 0);
 
-    int32_t left = roundTrip(*c, 2, open).luwToken;
+    int32_t left = roundTrip(*c, 2, unitCall("ECHO", 1, 0)).luwToken;
     c->close();
     ASSERT_TRUE(emu.waitForConnectionClosed(0, kWaitMs));
     auto events = emu.luwEvents();
@@ -285,10 +242,7 @@ TEST_F(EmulatorTest, ManyConnectionsWorkAtOnce) {
                 if (!c.sendRequest(i, "ECI", wire::encodeEciRequestBody(r))) return;
                 auto f = c.readFlow(kWaitMs);
                 if (!f || f->header.messageId != i) return;
-                wire::MemorySource src(f->body);
-                wire::EciReply reply;
-                std::string error;
-                if (wire::decodeEciReplyBody(src, 0, reply, error) && reply.commarea == text(payload)) ++good;
+                if (decodeEciReply(f->body, 0).commarea == text(payload)) ++good;
             }
         });
     }
@@ -298,29 +252,16 @@ TEST_F(EmulatorTest, ManyConnectionsWorkAtOnce) {
     EXPECT_EQ(emu.programCallCount("ECHO"), static_cast<size_t>(kClients * kCalls));
 }
 
-TEST_F(EmulatorTest, ClientCloseFlowIsAnsweredAndTheConnectionEnds) {
-    auto c = client();
-    wire::Header close;
-    close.flowType = wire::kFlowClose;
-    close.messageId = wire::kCloseMessageId;
-    close.requestType = "BASE";
-    ASSERT_TRUE(c->sendFlow(close, {}));
-    auto answer = c->readFlow(kWaitMs);
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->header.flowType, wire::kFlowClose);
-    EXPECT_EQ(answer->header.messageId, -1);
-    EXPECT_TRUE(c->waitClosed(kWaitMs));
-    EXPECT_TRUE(emu.waitForConnectionClosed(0, kWaitMs));
-}
-
-TEST_F(EmulatorTest, UnknownRequestTypeGetsAnErrorFlow) {
+TEST_F(EmulatorTest, UnknownRequestTypeGetsAnErrorFlowAndACloseFlowEndsTheConnection) {
     auto c = client();
     ASSERT_TRUE(c->sendRequest(5, "XYZ", text("body")));
-    auto f = c->readFlow(kWaitMs);
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->header.flowType, wire::kFlowError);
-    EXPECT_EQ(f->header.messageId, 5);
-    EXPECT_EQ(f->header.rc, rc::kInvalidRequestType);
-    // The connection is still usable.
-    EXPECT_EQ(roundTrip(*c, 6, call("ECHO", text("ok"))).commarea, text("ok"));
+    auto f = nextFlow(*c, wire::kFlowError);
+    EXPECT_EQ(f.header.messageId, 5);
+    EXPECT_EQ(f.header.rc, rc::kInvalidRequestType);
+    EXPECT_EQ(roundTrip(*c, 6, call("ECHO", text("ok"))).commarea, text("ok"));  // still usable
+
+    ASSERT_TRUE(c->sendFlow({.flowType = wire::kFlowClose, .messageId = wire::kCloseMessageId, .requestType = "BASE"}, {}));
+    EXPECT_EQ(nextFlow(*c, wire::kFlowClose).header.messageId, -1);
+    EXPECT_TRUE(c->waitClosed(kWaitMs));
+    EXPECT_TRUE(emu.waitForConnectionClosed(0, kWaitMs));
 }
