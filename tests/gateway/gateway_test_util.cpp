@@ -2,10 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
-
-#include "comms/clapi_socketcomms.h"
-#include "impl/clapi_impl.h"
 
 #ifdef __linux__
 #include <dirent.h>
@@ -16,7 +12,7 @@ namespace gwtest {
 namespace wire = kvlemu::wire;
 
 namespace {
-constexpr uint32_t kReplyLimitSeconds = 60;
+constexpr int kReplyLimitSeconds = 30;
 
 bool receiveExactly(platformSocket s, uint8_t* data, size_t n, int timeoutMs) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -41,84 +37,35 @@ bool waitUntil(const std::function<bool()>& condition, int timeoutMs) {
     return true;
 }
 
-InFlightCall::InFlightCall(kvlGatewayToken* token, const std::string& program, int commareaLength, short callType)
-    : token_(token) {
-    registerRc_ = clapiRegisterRequest(token);
-    if (registerRc_ != 0) {
-        done_ = true;
-        return;
-    }
-    commarea.assign(static_cast<size_t>(commareaLength), 0);
-    clapiRequestLock(&token->tableLock);
-    sendRc_ = slotFind(&token->requestTable, 0, &slot_);
-    if (sendRc_ == 0) {
-        messageId_ = slot_->number;
-        slot_->request.eci_call_type = callType;
-        slot_->request.eci_commarea = commarea.data();
-        slot_->request.eci_commarea_length = static_cast<short>(commareaLength);
-        slot_->replyCapacity = commarea.size();
-        memset(slot_->request.eci_program, ' ', sizeof slot_->request.eci_program);
-        memcpy(slot_->request.eci_program, program.data(), std::min(program.size(), sizeof slot_->request.eci_program));
-        clapiSetEvent(&slot_->event);
-        slot_->state = SLOT_SENT;
-    }
-    clapiReleaseLock(&token->tableLock);
+struct InFlightCall::State {
+    EciParms parms{};
+    uint8_t commarea[16] = {};
+    std::promise<int> result;
+};
 
-    if (sendRc_ == 0) {
-        flowHeader header;
-        clapiInitFlowHeader(&header, FLOW_REQUEST, messageId_, "ECI");
-        EciRequest request{};
-        request.requestType = ECI_REQUEST_CALL;
-        memcpy(request.program, slot_->request.eci_program, sizeof request.program);
-        request.commareaLength = commareaLength;
-        request.commarea = commarea.data();
-        request.optionalBlocks = -1;
-        request.correlator = static_cast<int32_t>(getNextCorrelator());
-        clapiRequestLock(&token->sendLock);
-        sendRc_ = clapiFlowECIRequest(token->socket.load(), &header, &request);
-        clapiReleaseLock(&token->sendLock);
-    }
-    if (sendRc_ != 0) {
-        clapiRequestLock(&token->tableLock);
-        if (slot_) slotFree(&token->requestTable, slot_);
-        clapiReleaseLock(&token->tableLock);
-        clapiUnregisterRequest(token);
-        done_ = true;
-        return;
-    }
-    waiter_ = std::thread([this] {
-        uint32_t expired = 0;
-        clapiTimedWaitEvent(&slot_->event, kReplyLimitSeconds, &expired);
-        timedOut = expired != 0;
-        clapiRequestLock(&token_->tableLock);
-        replyRc = slot_->replyRc;
-        bodyRc = slot_->bodyRc;
-        abend.assign(slot_->request.eci_abend, sizeof slot_->request.eci_abend);
-        inboundLength = slot_->request.commarea_inbound_length;
-        // An asynchronous reply is taken off the queue, as get-reply would.
-        clapiSlot** link = &token_->asyncQueueHead;
-        clapiSlot* previous = nullptr;
-        while (*link && *link != slot_) {
-            previous = *link;
-            link = &(*link)->queueNext;
-        }
-        queued = *link != nullptr;
-        if (*link) {
-            *link = slot_->queueNext;
-            if (token_->asyncQueueTail == slot_) token_->asyncQueueTail = previous;
-        }
-        slotFree(&token_->requestTable, slot_);
-        clapiReleaseLock(&token_->tableLock);
-        clapiUnregisterRequest(token_);
-        done_ = true;
-    });
+InFlightCall::InFlightCall(gwTok token, const std::string& program) : state_(std::make_shared<State>()) {
+    EciParms& p = state_->parms;
+    p.eci_call_type = ECI_SYNC;
+    p.eci_version = 6;
+    memset(p.eci_program, ' ', sizeof p.eci_program);
+    memcpy(p.eci_program, program.data(), std::min(program.size(), sizeof p.eci_program));
+    p.eci_commarea = state_->commarea;
+    p.eci_commarea_length = sizeof state_->commarea;
+    result_ = state_->result.get_future();
+    // The thread owns a share of the state: an abandoned call never writes to freed memory.
+    thread_ = std::thread([state = state_, token] { state->result.set_value(KVL_ECI_Execute(token, &state->parms)); });
 }
 
-InFlightCall::~InFlightCall() { finish(); }
+InFlightCall::~InFlightCall() {
+    if (!finish()) thread_.detach();
+}
 
-bool InFlightCall::finish() {
-    if (waiter_.joinable()) waiter_.join();
-    return !timedOut;
+std::optional<int> InFlightCall::finish() {
+    if (thread_.joinable() && result_.wait_for(std::chrono::seconds(kReplyLimitSeconds)) == std::future_status::ready) {
+        thread_.join();
+        rc_ = result_.get();
+    }
+    return rc_;
 }
 
 ScriptedGateway::ScriptedGateway() { platformListen("127.0.0.1", 0, &listener_, &port_); }
@@ -136,11 +83,7 @@ void ScriptedGateway::acceptAndShakeHands() {
         peer_ = platformAccept(listener_);
         wire::Header header;
         if (peer_ == PLATFORM_INVALID_SOCKET || !readHeader(header)) return;
-        wire::Header answer;
-        answer.flowType = wire::kFlowHandshake;
-        answer.messageId = wire::kHandshakeMessageId;
-        answer.requestType = "BASE";
-        if (send(wire::encodeFlow(answer, {}))) ready_ = true;
+        if (send(gatewayFlow(wire::kFlowHandshake, wire::kHandshakeMessageId, "BASE", {}))) ready_ = true;
     });
 }
 
@@ -186,6 +129,14 @@ bool gtlEmpty() {
     bool empty = gtlHead() == nullptr;
     clapiReleaseLock(&clapiGtlLock);
     return empty;
+}
+
+::testing::AssertionResult traced(const kvltest::TraceCapture& trace, int id, const std::string& fragment,
+                                  size_t count) {
+    auto lines = trace.linesWithId(id);
+    if (lines.size() != count) return ::testing::AssertionFailure() << lines.size() << " lines of trace point " << id;
+    if (count && lines[0].find(fragment) == std::string::npos) return ::testing::AssertionFailure() << lines[0];
+    return ::testing::AssertionSuccess();
 }
 
 int processThreadCount() {

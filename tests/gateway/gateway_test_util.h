@@ -1,57 +1,56 @@
-// Helpers for the connection tests: a request in flight driven through the
-// internal API (standing in for the ECI layer), a scripted Gateway on a bare
-// socket, and checks that nothing was left behind.
+// What the Gateway connection tests share: the headers they need, a request in
+// flight, a scripted Gateway on a bare socket, and checks that nothing was left behind.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <future>
+#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "gateway/clapi_gwytok.h"
+#include "gateway/clapi_slots.h"
+#include "gateway_emulator/emulator.h"
 #include "gateway_emulator/wire.h"
+#include "impl/clapi_impl.h"
+#include "kvlclient.h"
 #include "platform/platform.h"
+#include "support/trace_capture.h"
 
 namespace gwtest {
+
+using kvltest::TraceCapture;
 
 // Bounded polling for conditions that another thread brings about.
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 10000);
 
-// One request on a token, as the ECI layer will send it: registered, in a slot,
-// the request flow sent under the send lock, the reply awaited on the slot's
-// event by a thread of its own. The wait is bounded, so a test never hangs.
+// A synchronous call of `program` on a thread of its own, as an application makes
+// it. The waits are bounded: a call still waiting after the limit is abandoned.
 class InFlightCall {
 public:
-    InFlightCall(kvlGatewayToken* token, const std::string& program, int commareaLength = 16, short callType = 1);
+    InFlightCall(gwTok token, const std::string& program);
     ~InFlightCall();
     InFlightCall(const InFlightCall&) = delete;
     InFlightCall& operator=(const InFlightCall&) = delete;
 
-    int registerRc() const { return registerRc_; }
-    int sendRc() const { return sendRc_; }
-    int32_t messageId() const { return messageId_; }
-    // Joins the waiting thread; false when no reply came within the limit.
-    bool finish();
-    bool done() const { return done_.load(); }
+    // What the call returned; nothing when it did not end within the limit.
+    std::optional<int> finish();
 
-    int32_t replyRc = 0;
-    int32_t bodyRc = 0;
-    std::string abend;          // the slot's eci_abend after the reply
-    int32_t inboundLength = 0;  // the slot's commarea_inbound_length after the reply
-    bool queued = false;        // the slot was on the async reply queue when the caller woke
-    bool timedOut = false;
-    std::vector<uint8_t> commarea;
+    int32_t messageId = 0;  // set by tests that read the request off the wire
 
 private:
-    kvlGatewayToken* token_;
-    clapiSlot* slot_ = nullptr;
-    int registerRc_ = 0;
-    int sendRc_ = 0;
-    int32_t messageId_ = 0;
-    std::atomic<bool> done_{false};
-    std::thread waiter_;
+    struct State;
+    std::shared_ptr<State> state_;
+    std::future<int> result_;
+    std::optional<int> rc_;
+    std::thread thread_;
 };
 
 // A Gateway played by the test on a bare socket: it accepts one connection,
@@ -86,6 +85,9 @@ kvlemu::wire::Bytes gatewayFlow(int32_t flowType, int32_t messageId, const std::
                                 const kvlemu::wire::Bytes& body, int32_t rc = 0);
 
 bool gtlEmpty();
+// Exactly `count` lines of trace point `id`, the first of them holding `fragment`.
+::testing::AssertionResult traced(const kvltest::TraceCapture& trace, int id, const std::string& fragment,
+                                  size_t count = 1);
 // Threads of this process (Linux: /proc/self/task); -1 where it cannot be told.
 int processThreadCount();
 

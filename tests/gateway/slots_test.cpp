@@ -1,36 +1,34 @@
 // The request slot table: numbering, growth and give-back, LUW slots, lookup by number.
-#include <gtest/gtest.h>
+#include "gateway_test_util.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <vector>
-
-#include "gateway/clapi_slots.h"
-#include "kvlclient.h"
-#include "support/trace_capture.h"
-
-using kvltest::TraceCapture;
+using namespace gwtest;
 
 namespace {
 
+std::vector<int> range(int first, int last) {
+    std::vector<int> numbers;
+    for (int n = first; n <= last; ++n) numbers.push_back(n);
+    return numbers;
+}
+
+slotTable* newTable() {
+    auto* table = static_cast<slotTable*>(calloc(1, sizeof(slotTable)));
+    slotTableInit(table);
+    return table;
+}
+
+void releaseTable(slotTable* table) {
+    for (int n = slotBlockCount(table) * SLOT_BLOCK_SIZE; n > 0; --n) {
+        if (clapiSlot* s = slotByNumber(table, n)) slotFree(table, s);
+    }
+    slotTableRelease(table);
+    free(table);
+}
+
 class SlotTableTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        table_ = static_cast<slotTable*>(calloc(1, sizeof(slotTable)));
-        slotTableInit(table_);
-    }
-    void TearDown() override {
-        for (clapiSlot* s = table_->first; s;) {
-            if (s->state != SLOT_FREE) {
-                slotFree(table_, s);
-                s = table_->first;
-            } else {
-                s = s->next;
-            }
-        }
-        slotTableRelease(table_);
-        free(table_);
-    }
+    void SetUp() override { table_ = newTable(); }
+    void TearDown() override { releaseTable(table_); }
 
     std::vector<clapiSlot*> take(int n) {
         std::vector<clapiSlot*> slots;
@@ -46,6 +44,7 @@ protected:
 };
 
 TEST_F(SlotTableTest, SixteenSlotsComeFromTheEmbeddedBlockTheSeventeenthGrowsTheTable) {
+    TraceCapture trace(4);
     auto slots = take(16);
     for (int i = 0; i < 16; ++i) {
         EXPECT_EQ(&table_->first[i], slots[i]);
@@ -59,59 +58,48 @@ TEST_F(SlotTableTest, SixteenSlotsComeFromTheEmbeddedBlockTheSeventeenthGrowsThe
     clapiSlot* seventeenth = take(1)[0];
     EXPECT_EQ(17, seventeenth->number);
     EXPECT_EQ(2, slotBlockCount(table_));
+    EXPECT_TRUE(traced(trace, 2053, "first=17, last=32"));
     EXPECT_EQ(seventeenth, table_->first[15].next);
     clapiSlot* last = slotByNumber(table_, 32);
-    ASSERT_NE(nullptr, last);
-    EXPECT_EQ(nullptr, last->next);
-    EXPECT_EQ(SLOT_FREE, last->state);
+    EXPECT_TRUE(last && last->state == SLOT_FREE);
 }
 
-TEST_F(SlotTableTest, TheLowestFreeNumberIsTakenFirst) {
-    auto slots = take(20);
-    slotFree(table_, slots[2]);
-    slotFree(table_, slots[17]);
-    EXPECT_EQ(3, take(1)[0]->number);
-    EXPECT_EQ(18, take(1)[0]->number);
-}
-
-TEST_F(SlotTableTest, AnEmptyTrailingBlockIsGivenBackTheEmbeddedBlockNever) {
-    auto slots = take(17);
-    slotFree(table_, slots[2]);
-    EXPECT_EQ(2, slotBlockCount(table_)) << "slot 3 lives in the embedded block";
-    slotFree(table_, slots[16]);
-    EXPECT_EQ(1, slotBlockCount(table_));
-    EXPECT_EQ(nullptr, table_->first[15].next);
-    EXPECT_EQ(nullptr, slotByNumber(table_, 17));
-}
-
-TEST_F(SlotTableTest, AFreeMiddleBlockWaitsForTheBlocksBehindIt) {
-    TraceCapture trace(4);
-    auto slots = take(48);
-    ASSERT_EQ(3, slotBlockCount(table_));
-    for (int n = 17; n <= 32; ++n) slotFree(table_, slots[n - 1]);
-    EXPECT_EQ(3, slotBlockCount(table_));
-    for (int n = 33; n <= 47; ++n) slotFree(table_, slots[n - 1]);
-    EXPECT_EQ(3, slotBlockCount(table_));
-    slotFree(table_, slots[47]);
-    EXPECT_EQ(1, slotBlockCount(table_));
-
-    auto released = trace.linesWithId(2059);
-    ASSERT_EQ(2u, released.size());
-    EXPECT_NE(std::string::npos, released[0].find("first=33, last=48")) << released[0];
-    EXPECT_NE(std::string::npos, released[1].find("first=17, last=32")) << released[1];
-    auto created = trace.linesWithId(2053);
-    ASSERT_EQ(2u, created.size());
-    EXPECT_NE(std::string::npos, created[1].find("first=33, last=48")) << created[1];
-}
-
-TEST_F(SlotTableTest, NumberingContinuesWhenTheTableGrowsAgain) {
-    auto slots = take(33);
-    slotFree(table_, slots[32]);
-    EXPECT_EQ(2, slotBlockCount(table_));
-    clapiSlot* again = take(1)[0];
-    EXPECT_EQ(33, again->number);
-    EXPECT_EQ(3, slotBlockCount(table_));
-    EXPECT_EQ(again, slotByNumber(table_, 32)->next);
+// Slots taken, then freed in the order given; then one more taken.
+TEST(SlotTableGrowth, TrailingBlocksGoBackWhenEmptyTheEmbeddedBlockNever) {
+    struct Case {
+        const char* what;
+        int taken;
+        std::vector<int> freed;
+        int blocksAfterFree, nextNumber, blocksAfterNext;
+        std::vector<std::string> released;  // the blocks given back, in order
+    };
+    const Case cases[] = {
+        {"a free slot in the embedded block keeps the second block", 17, {3}, 2, 3, 2, {}},
+        {"an empty trailing block goes back", 17, {17}, 1, 17, 2, {"first=17, last=32"}},
+        {"the lowest free number first", 20, {18, 3}, 2, 3, 2, {}},
+        {"numbering continues when the table grows again", 33, {33}, 2, 33, 3, {"first=33, last=48"}},
+        {"a free middle block waits for the blocks behind it", 48, range(17, 47), 3, 17, 3, {}},
+        {"the last block emptied takes the empty ones before it", 48, range(17, 48), 1, 17, 2,
+         {"first=33, last=48", "first=17, last=32"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TraceCapture trace(4);
+        slotTable* table = newTable();
+        clapiSlot* s = nullptr;
+        for (int i = 0; i < c.taken; ++i) ASSERT_EQ(0, slotFind(table, 0, &s));
+        for (int n : c.freed) slotFree(table, slotByNumber(table, n));
+        EXPECT_EQ(c.blocksAfterFree, slotBlockCount(table));
+        auto released = trace.linesWithId(2059);
+        ASSERT_EQ(c.released.size(), released.size());
+        for (size_t i = 0; i < released.size(); ++i) EXPECT_NE(std::string::npos, released[i].find(c.released[i]));
+        clapiSlot* last = slotByNumber(table, c.blocksAfterFree * SLOT_BLOCK_SIZE);
+        EXPECT_TRUE(last && last->next == nullptr);
+        ASSERT_EQ(0, slotFind(table, 0, &s));
+        EXPECT_EQ(c.nextNumber, s->number);
+        EXPECT_EQ(c.blocksAfterNext, slotBlockCount(table));
+        releaseTable(table);
+    }
 }
 
 TEST_F(SlotTableTest, LookupMatchesOnlyASlotThatAwaitsItsReply) {
