@@ -1,15 +1,5 @@
 // Container API: argument checks, browsing, reading, rewriting and CCSIDs.
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "eci/clapi_channel.h"
-#include "kvl_channel.h"
-#include "platform/platform.h"
-#include "trace_capture.h"
+#include "eci_test_util.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // Let impossible allocations fail with null, as the platform allocator does, so
@@ -19,7 +9,7 @@ extern "C" __attribute__((visibility("default"))) const char* __asan_default_opt
 }
 #endif
 
-using kvltest::TraceCapture;
+using namespace ecitest;
 
 namespace {
 
@@ -43,10 +33,14 @@ protected:
     void create(const char* name, const std::string& data = "") {
         ASSERT_EQ(ECI_createContainer(ch, name, ECI_BIT, 0, data.data(), data.size()), ECI_NO_ERROR) << name;
     }
+    EciContainerInfo infoOf(const char* name) {
+        EciContainerInfo out;
+        memset(&out, 0x55, sizeof out);
+        EXPECT_EQ(ECI_getContainerInfo(ch, name, &out), ECI_NO_ERROR) << name;
+        return out;
+    }
     std::string read(const char* name) {
-        EciContainerInfo info;
-        EXPECT_EQ(ECI_getContainerInfo(ch, name, &info), ECI_NO_ERROR);
-        std::string out(info.dataLength, '\0');
+        std::string out(infoOf(name).dataLength, '\0');
         size_t got = 99;
         char dummy;
         EXPECT_EQ(ECI_getContainerData(ch, name, out.empty() ? &dummy : out.data(), out.size(), 0, &got), 0);
@@ -71,16 +65,13 @@ TEST_F(Containers, CreateChecksArgumentsInOrder) {
     EXPECT_EQ(ECI_createContainer(ch, "SAME", ECI_BIT, 0, nullptr, 0), ECI_NO_ERROR);
     EXPECT_EQ(ECI_createContainer(ch, "SAME", ECI_CHAR, 0, "x", 1), ECI_ERR_CONTAINER_EXISTS);
     EXPECT_EQ(ch->numContainers, 1);
-    ASSERT_EQ(trace.linesWithId(1349).size(), 1u);
-    EXPECT_EQ(kvltest::traceMessage(trace.linesWithId(1349)[0]),
-              "API.ECI_createContainer() Container \"SAME\" already exists in channel \"CONTAINERS\"");
+    EXPECT_TRUE(tracedAs(trace, 1349,
+                         "API.ECI_createContainer() Container \"SAME\" already exists in channel \"CONTAINERS\""));
 }
 
 TEST_F(Containers, InfoDescribesTheContainer) {
-    EciContainerInfo info;
     ASSERT_EQ(ECI_createContainer(ch, "SIXTEEN_CHARS_16", ECI_BIT, 1208, "abc", 3), ECI_NO_ERROR);
-    memset(&info, 0x55, sizeof info);
-    EXPECT_EQ(ECI_getContainerInfo(ch, "SIXTEEN_CHARS_16", &info), ECI_NO_ERROR);
+    EciContainerInfo info = infoOf("SIXTEEN_CHARS_16");
     EXPECT_EQ(std::string(info.name, 17), std::string("SIXTEEN_CHARS_16") + '\0');
     EXPECT_EQ(info.type, ECI_BIT);
     EXPECT_EQ(info.ccsid, 0);  // a BIT container has no CCSID, whatever was given
@@ -95,9 +86,7 @@ TEST_F(Containers, InfoDescribesTheContainer) {
 TEST_F(Containers, BrowseIsNewestFirstAndWrapsAround) {
     EXPECT_EQ(first(), "rc=-54");
     EXPECT_EQ(next(), "rc=-54");
-    create("A");
-    create("B");
-    create("C");
+    for (const char* name : {"A", "B", "C"}) create(name);
     EXPECT_EQ(next(), "C");  // without getFirst the walk starts at the first container
     EXPECT_EQ(first(), "C");
     EXPECT_EQ(next(), "B");
@@ -110,10 +99,7 @@ TEST_F(Containers, BrowseIsNewestFirstAndWrapsAround) {
 
 TEST_F(Containers, DeletingUnderTheCursorContinuesWithTheSuccessor) {
     TraceCapture trace(4);
-    create("A");
-    create("B");
-    create("C");
-    create("D");
+    for (const char* name : {"A", "B", "C", "D"}) create(name);
     EXPECT_EQ(first(), "D");
     EXPECT_EQ(next(), "C");
     EXPECT_EQ(ECI_deleteContainer(ch, "C"), ECI_NO_ERROR);
@@ -181,15 +167,11 @@ TEST_F(Containers, SetDataReplacesEmptiesAndKeepsTypeAndCcsid) {
     EXPECT_EQ(ECI_setContainerData(ch, "TEXT", nullptr, 0), ECI_NO_ERROR);
     EXPECT_EQ(ECI_setContainerData(ch, "TEXT", "back", 4), ECI_NO_ERROR);
     EXPECT_EQ(read("TEXT"), "back");
-    EciContainerInfo info;
-    ASSERT_EQ(ECI_getContainerInfo(ch, "TEXT", &info), ECI_NO_ERROR);
-    EXPECT_EQ(info.type, ECI_CHAR);
-    EXPECT_EQ(info.ccsid, 37);
+    EXPECT_EQ(infoOf("TEXT").type, ECI_CHAR);
+    EXPECT_EQ(infoOf("TEXT").ccsid, 37);
 
     EXPECT_EQ(ECI_setContainerData(ch, "TEXT", nullptr, 5), ECI_ERR_INVALID_DATA_LENGTH);
-    ASSERT_EQ(trace.linesWithId(1392).size(), 1u);
-    EXPECT_EQ(kvltest::traceMessage(trace.linesWithId(1392)[0]),
-              "API.ECI_setContainerData() data is NULL when dataLength is 5");
+    EXPECT_TRUE(tracedAs(trace, 1392, "API.ECI_setContainerData() data is NULL when dataLength is 5"));
     EXPECT_EQ(ECI_setContainerData(ch, "MISSING", "x", 1), ECI_ERR_CONTAINER_NOTFOUND);
     EXPECT_EQ(ECI_setContainerData(nullptr, "TEXT", "x", 1), ECI_ERR_INVALID_CHANNEL);
     EXPECT_EQ(read("TEXT"), "back");
@@ -201,28 +183,22 @@ TEST_F(Containers, MemoryShortageLeavesNothingBehind) {
     EXPECT_EQ(ch->numContainers, 0);
     create("SMALL", "abcd");
     EXPECT_EQ(ECI_setContainerData(ch, "SMALL", small, SIZE_MAX), ECI_ERR_MEMORY_SHORTAGE);
-    EciContainerInfo info;
-    ASSERT_EQ(ECI_getContainerInfo(ch, "SMALL", &info), ECI_NO_ERROR);
-    EXPECT_EQ(info.dataLength, 0u);  // left empty
+    EXPECT_EQ(infoOf("SMALL").dataLength, 0u);  // left empty
 }
 
 TEST_F(Containers, CcsidComesFromTheContainerTheChannelOrTheCodePage) {
     const int processCcsid = clapiCcsidForCodePage(platformAnsiCodePage());
     TraceCapture trace(2);
-    EciContainerInfo info;
     ASSERT_EQ(ECI_createContainer(ch, "BITS", ECI_BIT, 0, nullptr, 0), ECI_NO_ERROR);
     EXPECT_EQ(ch->ccsid, -1);
     ASSERT_EQ(ECI_createContainer(ch, "LOCAL", ECI_CHAR, 0, "a", 1), ECI_NO_ERROR);
     EXPECT_EQ(ch->ccsid, processCcsid);
-    ASSERT_EQ(ECI_getContainerInfo(ch, "LOCAL", &info), ECI_NO_ERROR);
-    EXPECT_EQ(info.ccsid, processCcsid);
+    EXPECT_EQ(infoOf("LOCAL").ccsid, processCcsid);
     ASSERT_EQ(ECI_createContainer(ch, "EBCDIC", ECI_CHAR, 37, "a", 1), ECI_NO_ERROR);
-    ASSERT_EQ(ECI_getContainerInfo(ch, "EBCDIC", &info), ECI_NO_ERROR);
-    EXPECT_EQ(info.ccsid, 37);
+    EXPECT_EQ(infoOf("EBCDIC").ccsid, 37);
     EXPECT_EQ(ch->ccsid, processCcsid);  // the channel keeps its first CCSID
     ASSERT_EQ(ECI_createContainer(ch, "INHERIT", ECI_CHAR, 0, "a", 1), ECI_NO_ERROR);
-    ASSERT_EQ(ECI_getContainerInfo(ch, "INHERIT", &info), ECI_NO_ERROR);
-    EXPECT_EQ(info.ccsid, processCcsid);
+    EXPECT_EQ(infoOf("INHERIT").ccsid, processCcsid);
     EXPECT_EQ(trace.linesWithId(1355).size(), 1u);
     EXPECT_EQ(trace.linesWithId(1450).size(), 0u);
     EXPECT_EQ(trace.linesWithId(1354).size(), 3u);
@@ -231,8 +207,6 @@ TEST_F(Containers, CcsidComesFromTheContainerTheChannelOrTheCodePage) {
     ASSERT_EQ(ECI_createChannel("OTHER", &other), ECI_NO_ERROR);
     ASSERT_EQ(ECI_createContainer(other, "GIVEN", ECI_CHAR, 1208, "a", 1), ECI_NO_ERROR);
     EXPECT_EQ(other->ccsid, 1208);
-    ASSERT_EQ(trace.linesWithId(1450).size(), 1u);
-    EXPECT_EQ(kvltest::traceMessage(trace.linesWithId(1450)[0]),
-              "API.ECI_createContainer() Channel CCSID set to 1208 from Container");
+    EXPECT_TRUE(tracedAs(trace, 1450, "API.ECI_createContainer() Channel CCSID set to 1208 from Container"));
     EXPECT_EQ(ECI_deleteChannel(&other), ECI_NO_ERROR);
 }

@@ -1,8 +1,5 @@
 // The bytes of an ECI request, checked against the layout written out by hand.
-#include <gtest/gtest.h>
-
 #include "eci_test_util.h"
-#include "impl/clapi_impl.h"
 
 using namespace ecitest;
 
@@ -39,14 +36,14 @@ class EciWire : public EmulatorConnection {};
 
 TEST_F(EciWire, RequestBytesFollowTheLayout) {
     Bytes area = text("0123456789");
-    EciParms p = callParms(ECI_SYNC, "ECHO", area.data(), area.size());
+    EciParms p = callParms(ECI_SYNC, "ECHO", area);
     p.eci_version = 4;
     memset(p.eci_userid, 0, sizeof p.eci_userid);
     memcpy(p.eci_userid, "USER1", 5);
     memcpy(p.eci_password, "PW12", 4);
     p.eci_timeout = 30;
     clapiSetCorrelatorForTest(0x01020304);
-    ASSERT_EQ(KVL_ECI_Execute(token, &p), ECI_NO_ERROR);
+    ASSERT_EQ(execute(p), ECI_NO_ERROR);
     auto flows = eciFlows();
     ASSERT_EQ(flows.size(), 1u);
 
@@ -89,28 +86,6 @@ TEST_F(EciWire, RequestBytesFollowTheLayout) {
     flow.raw(body.b.data(), body.b.size());
 
     EXPECT_EQ(flows[0].raw, flow.b);
-    EXPECT_EQ(body.b.size(), 15u + 68u + 4u + 10u);
-}
-
-TEST_F(EciWire, CommitCarriesLengthFlagsButNoCommareaBytes) {
-    Bytes area(16, 0);
-    EciParms p = callParms(ECI_SYNC, "LUW", area.data(), area.size());
-    p.eci_extend_mode = ECI_EXTENDED;
-    p.commarea_inbound_length = 8;
-    ASSERT_EQ(KVL_ECI_Execute(token, &p), ECI_NO_ERROR);
-    p.eci_extend_mode = ECI_COMMIT;
-    ASSERT_EQ(KVL_ECI_Execute(token, &p), ECI_NO_ERROR);
-    auto flows = eciFlows();
-    ASSERT_EQ(flows.size(), 2u);
-    const auto& commit = flows[1];
-    // Version 6 with null credential pointers: empty user id, no password bytes.
-    EXPECT_EQ(commit.header.bodyLength, 15u + 68u);
-    EXPECT_EQ(commit.raw.size(), 29u + 3u + 15u + 68u);
-    EXPECT_EQ(commit.eci->extendMode, ECI_COMMIT);
-    EXPECT_EQ(commit.eci->inboundFlag, 0);
-    EXPECT_TRUE(commit.eci->commarea.empty());
-    EXPECT_EQ(commit.eci->userid, std::string(16, '\0'));
-    EXPECT_TRUE(commit.eci->passwordMasked.empty());
 }
 
 }  // namespace

@@ -1,26 +1,7 @@
 // verifyEciParms: the order of its checks, their codes and their trace points.
-#include <gtest/gtest.h>
+#include "eci_test_util.h"
 
-#include <cstring>
-#include <string>
-
-#include "eci/clapi_eciparms.h"
-#include "trace_capture.h"
-
-using kvltest::TraceCapture;
-
-namespace {
-
-EciParms validSync() {
-    EciParms p;
-    memset(&p, 0, sizeof p);
-    p.eci_call_type = ECI_SYNC;
-    p.eci_version = 3;
-    p.eci_luw_token = -1;
-    return p;
-}
-
-}  // namespace
+using namespace ecitest;
 
 TEST(VerifyEciParms, ChecksInOrder) {
     // One row per block: the fields that matter, the caller's minimum version, the
@@ -62,8 +43,7 @@ TEST(VerifyEciParms, ChecksInOrder) {
     const int exceptionIds[] = {1549, 1550, 1552, 1553, 1554, 1555, 1556, 1557, 1558, 1559};
     char commarea[16] = {};
     for (const auto& c : cases) {
-        EciParms p;
-        memset(&p, 0, sizeof p);
+        EciParms p{};
         p.eci_call_type = c.callType;
         p.eci_version = c.version;
         p.eci_extend_mode = c.extendMode;
@@ -85,10 +65,12 @@ TEST(VerifyEciParms, ChecksInOrder) {
 
 TEST(VerifyEciParms, TraceTexts) {
     TraceCapture trace(4);
-    EciParms p = validSync();
+    EciParms p{};
+    p.eci_call_type = ECI_SYNC;
+    p.eci_version = 3;
     p.eci_commarea_length = 10;
     EXPECT_EQ(verifyEciParms(&p, 3), ECI_ERR_INVALID_DATA_AREA);
-    p = validSync();
+    p.eci_commarea_length = 0;
     p.eci_extend_mode = -1;
     EXPECT_EQ(verifyEciParms(&p, 3), ECI_ERR_INVALID_EXTEND_MODE);
     char address[32];
