@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/ensure-packages.sh
+scripts/ensure-packages.sh --tests
 cmake --preset linux >/dev/null
 cmake --build --preset linux -j "$(nproc)"
 

@@ -1,12 +1,18 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when any is missing.
-# Usage: scripts/ensure-packages.sh [--windows]   (--windows adds MinGW-w64 and Wine)
+# Usage: scripts/ensure-packages.sh [--windows] [--tests]
+#   --windows adds MinGW-w64 and Wine; --tests adds what the test and tool
+#   builds use (OpenSSL, CLI11, pytest, clang's fuzzer runtime, Doxygen).
 set -euo pipefail
 
-packages=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev)
-if [[ "${1:-}" == "--windows" ]]; then
-  packages+=(g++-mingw-w64-x86-64-posix wine wine64)
-fi
+packages=(cmake ninja-build g++ pkg-config libssl-dev libcli11-dev)
+for arg in "$@"; do
+  case "$arg" in
+    --windows) packages+=(g++-mingw-w64-x86-64-posix wine wine64) ;;
+    --tests) packages+=(googletest libgtest-dev libgmock-dev python3 python3-pytest python3-pip
+                        clang libclang-rt-14-dev doxygen libbenchmark-dev openssl) ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do
