@@ -11,7 +11,7 @@ else()
   set(KVL_PLATFORM_LIBS pthread)
 endif()
 
-set(KVL_LAYERS impl comms gateway eci esi api)
+set(KVL_LAYERS impl comms gateway eci esi api ext tls)
 set(KVL_ALL_OBJECTS)
 
 add_library(kvl_platform OBJECT ${KVL_PLATFORM_SOURCES})
