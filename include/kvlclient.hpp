@@ -101,8 +101,11 @@ inline std::error_code make_error_code(int rc) noexcept { return {rc, category()
 class Error : public std::system_error {
 public:
     explicit Error(int rc, std::string detail = {}, std::string abend = {})
-        : std::system_error(make_error_code(rc), describe(rc, detail, abend)), rc_(rc), name_(rc_name(rc)),
+        : std::system_error(make_error_code(rc)), rc_(rc), name_(rc_name(rc)), text_(describe(rc, detail, abend)),
           detail_(std::move(detail)), abend_(std::move(abend)) {}
+
+    /** "NAME (rc)", the abend code and the details. */
+    const char* what() const noexcept override { return text_.c_str(); }
 
     /** The library's return code. */
     int rc() const noexcept { return rc_; }
@@ -122,6 +125,7 @@ private:
     }
     int rc_;
     std::string name_;
+    std::string text_;
     std::string detail_;
     std::string abend_;
 };

@@ -2,10 +2,10 @@
 # Installs the Debian packages the build needs, when any is missing.
 # Usage: scripts/ensure-packages.sh [--windows] [--tests]
 #   --windows adds MinGW-w64 and Wine; --tests adds what the test and tool
-#   builds use (OpenSSL, CLI11, pytest, clang's fuzzer runtime, Doxygen).
+#   builds use (OpenSSL, CLI11, nlohmann-json, pytest, clang's fuzzer runtime, Doxygen).
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config libssl-dev libcli11-dev)
+packages=(cmake ninja-build g++ pkg-config libssl-dev libcli11-dev nlohmann-json3-dev)
 for arg in "$@"; do
   case "$arg" in
     --windows) packages+=(g++-mingw-w64-x86-64-posix wine wine64) ;;
