@@ -63,8 +63,7 @@ class ReplyDispatcher:
         fut.set_running_or_notify_cancel()  # a sent request cannot be taken back
         with self._cond:
             if self._stopping:
-                fut.set_exception(ConnectionClosed(c.KVL_ERR_GWTOK_CLOSED, detail="the connection is closing"))
-                return fut
+                raise ConnectionClosed(c.KVL_ERR_GWTOK_CLOSED, detail="the connection is closing")
             # Registered under the lock the collector takes, so a fast reply finds its future.
             rc = self._conn._execute(parms, channel)
             if rc != 0:

@@ -113,6 +113,21 @@ class Emulator:
         except OSError:
             return ""
 
+    def wait_for_log(self, text: str, count: int = 1, timeout: float = 10.0) -> bool:
+        """Waits until ``text`` appears ``count`` times in the log; False on time-out."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if self.log().count(text) >= count:
+                return True
+            time.sleep(0.02)
+        return False
+
+    def kill(self) -> None:
+        """Ends the process at once, as a crash would: its connections drop without replies."""
+        if self._proc is not None and self._proc.poll() is None:
+            self._proc.kill()
+            self._proc.wait(10)
+
     @property
     def running(self) -> bool:
         return self._proc is not None and self._proc.poll() is None
