@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import threading
+from collections import deque
 from concurrent.futures import Future
 from ctypes import byref
 from typing import TYPE_CHECKING, Any, Callable, Dict, Optional
@@ -37,12 +38,20 @@ class ReplyDispatcher:
     :meth:`drain` from an event loop when the completion handle is used.
 
     The thread waits in the library only while calls are pending, so closing the
-    connection after the last reply never races with it."""
+    connection after the last reply never races with it.
+
+    A message qualifier names the library's slot of a request, and the slot is
+    reused as soon as its reply is collected: a new request may get the same
+    qualifier before the collected reply is handed over here. Entries of one
+    qualifier are therefore kept in sending order, and one collector at a time
+    (``_collect``) takes replies, so the older entry always gets the older reply."""
 
     def __init__(self, conn: "Connection") -> None:
         self._conn = conn
         self._cond = threading.Condition()
-        self._pending: Dict[int, _Pending] = {}
+        self._pending: Dict[int, "deque[_Pending]"] = {}
+        self._count = 0
+        self._collect = threading.Lock()
         self._thread: Optional[threading.Thread] = None
         self._stopping = False
         self.use_thread = True
@@ -51,11 +60,11 @@ class ReplyDispatcher:
     @property
     def pending(self) -> int:
         with self._cond:
-            return len(self._pending)
+            return self._count
 
     def pending_futures(self) -> list:
         with self._cond:
-            return [p.future for p in self._pending.values()]
+            return [p.future for q in self._pending.values() for p in q]
 
     def submit(self, parms: t.EciParms, channel: bool, finish: Finisher, keep: Any = None) -> Future:
         """Sends an ECI_ASYNC request; the future completes with ``finish``'s value."""
@@ -72,7 +81,8 @@ class ReplyDispatcher:
                 except BaseException as e:  # finish raises the call's error
                     fut.set_exception(e)
                 return fut
-            self._pending[parms.eci_msg_qual] = _Pending(fut, finish, keep)
+            self._pending.setdefault(parms.eci_msg_qual, deque()).append(_Pending(fut, finish, keep))
+            self._count += 1
             self._cond.notify_all()
             if self.use_thread and (self._thread is None or not self._thread.is_alive()):
                 self._thread = threading.Thread(target=self._run, name="kvlclient-replies", daemon=True)
@@ -81,10 +91,14 @@ class ReplyDispatcher:
 
     def _deliver(self, rc: int, parms: t.EciParms, data: bytes) -> None:
         with self._cond:
-            entry = self._pending.pop(parms.eci_msg_qual, None)
+            queue = self._pending.get(parms.eci_msg_qual)
+            if not queue:
+                return  # a request this package did not send
+            entry = queue.popleft()
+            if not queue:
+                del self._pending[parms.eci_msg_qual]
+            self._count -= 1
             self._cond.notify_all()
-        if entry is None:
-            return  # a request this package did not send
         try:
             entry.future.set_result(entry.finish(rc, parms, data))
         except BaseException as e:
@@ -108,31 +122,38 @@ class ReplyDispatcher:
         buffer = ctypes.create_string_buffer(MAX_COMMAREA)
         while True:
             with self._cond:
-                while not self._pending and not self._stopping:
+                while not self._count and not self._stopping:
                     self._cond.wait()
-                if not self._pending:
+                if not self._count:
                     return
-            rc, parms, data = self._retrieve(c.ECI_GET_REPLY_WAIT, buffer)
-            if parms is None:
-                # The connection ended under the wait: nothing more will come.
-                self.fail_all(rc)
-                return
-            self._deliver(rc, parms, data)
+            with self._collect:
+                rc, parms, data = self._retrieve(c.ECI_GET_REPLY_WAIT, buffer)
+                if parms is None:
+                    # The connection ended under the wait: nothing more will come.
+                    self.fail_all(rc)
+                    return
+                self._deliver(rc, parms, data)
 
     def drain(self) -> None:
         """Collects every reply queued now, without waiting (for an event loop)."""
-        while self.pending:
-            rc, parms, data = self._retrieve(c.ECI_GET_REPLY, self._drain_buffer)
-            if parms is None:
-                if rc != c.ECI_ERR_NO_REPLY:
-                    self.fail_all(rc)
-                return
-            self._deliver(rc, parms, data)
+        if not self._collect.acquire(blocking=False):
+            return  # the reply thread is collecting
+        try:
+            while self.pending:
+                rc, parms, data = self._retrieve(c.ECI_GET_REPLY, self._drain_buffer)
+                if parms is None:
+                    if rc != c.ECI_ERR_NO_REPLY:
+                        self.fail_all(rc)
+                    return
+                self._deliver(rc, parms, data)
+        finally:
+            self._collect.release()
 
     def fail_all(self, rc: int) -> None:
         with self._cond:
-            entries = list(self._pending.values())
+            entries = [p for q in self._pending.values() for p in q]
             self._pending.clear()
+            self._count = 0
             self._cond.notify_all()
         for entry in entries:
             entry.future.set_exception(error_for(rc))
@@ -140,14 +161,14 @@ class ReplyDispatcher:
     def stop(self, wait_for_replies: bool) -> None:
         """Stops collecting: after every pending reply when ``wait_for_replies``."""
         with self._cond:
-            if wait_for_replies and self._pending and (self._thread is None or not self._thread.is_alive()):
+            if wait_for_replies and self._count and (self._thread is None or not self._thread.is_alive()):
                 # The library's close waits for every reply to be collected: collect them.
                 self._thread = threading.Thread(target=self._run, name="kvlclient-replies", daemon=True)
                 self._thread.start()
-            while wait_for_replies and self._pending and self._thread is not None and self._thread.is_alive():
+            while wait_for_replies and self._count and self._thread is not None and self._thread.is_alive():
                 self._cond.wait(0.5)
             self._stopping = True
             self._cond.notify_all()
             thread = self._thread
-        if thread is not None and thread is not threading.current_thread() and not self._pending:
+        if thread is not None and thread is not threading.current_thread() and not self._count:
             thread.join(10)
