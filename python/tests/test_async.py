@@ -100,3 +100,17 @@ def test_asyncio_gathers_many_calls(emu):
     assert chan.containers == {"C": "x"}
     assert late.data == b"100"
     assert aconn.connection.closed
+
+
+def test_collecting_without_waiting_as_an_event_loop_does(conn):
+    # The event loop's path (completion handle readable -> drain), driven by hand.
+    import time
+    conn._dispatcher.use_thread = False
+    futures = [conn.call_async("ECHO", b"drain%d" % i) for i in range(10)]
+    futures.append(conn.call_async("ABEND", b"DRNX"))
+    deadline = time.monotonic() + 30
+    while not all(f.done() for f in futures) and time.monotonic() < deadline:
+        conn._dispatcher.drain()  # returns at once when nothing is queued
+        time.sleep(0.01)
+    assert [f.result().data for f in futures[:10]] == [b"drain%d" % i for i in range(10)]
+    assert futures[10].exception().abend == "DRNX"

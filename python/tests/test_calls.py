@@ -163,3 +163,9 @@ def test_failed_call_ends_the_unit_of_work(conn):
     with conn.unit_of_work() as empty:
         pass
     assert empty.token == 0
+
+
+def test_plugin_fixtures_give_a_working_emulator_and_connection(kvl_emulator, kvl_connection):
+    assert kvl_emulator.running and kvl_emulator.port > 0
+    assert kvl_connection.call("ECHO", b"plugin").data == b"plugin"
+    assert kvl_connection.list_systems() == [kvlclient.SystemInfo("EMUSRV", "Gateway emulator server")]
