@@ -6,7 +6,6 @@ import ctypes
 import threading
 from collections import deque
 from concurrent.futures import Future
-from ctypes import byref
 from typing import TYPE_CHECKING, Any, Callable, Dict, Optional
 
 from . import _types as t

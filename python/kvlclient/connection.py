@@ -15,7 +15,7 @@ from . import codes as c
 from ._dispatch import MAX_COMMAREA, ReplyDispatcher
 from ._library import Library, lib
 from .channel import Channel, Value
-from .errors import ConnectionClosed, InvalidArgument, NotSupported, error_for
+from .errors import ConnectionClosed, NotSupported, error_for
 
 ECI_VERSION = 6
 
