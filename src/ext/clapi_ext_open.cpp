@@ -178,6 +178,13 @@ int connectEveryAddress(kvlGatewayToken* token, clapiOpenPlan* plan) {
     return 0;
 }
 
+void initOptions(KVL_EXT_ConnectOptions* options) {
+    memset(options, 0, sizeof *options);
+    options->size = static_cast<uint32_t>(sizeof *options);
+    options->keepAlive = 1;
+    options->tlsMinVersion = KVL_EXT_TLS_1_2;
+}
+
 bool isFlag(int value) { return value == 0 || value == 1; }
 
 // The caller's record, its fields beyond `size` at their defaults: 0 when usable,
@@ -192,7 +199,7 @@ int readOptions(const KVL_EXT_ConnectOptions* options, openContext* ctx) {
         return KVL_EXT_ERR_BADOPTIONS;
     }
     KVL_EXT_ConnectOptions& o = ctx->options;
-    KVL_EXT_initConnectOptions(&o);
+    initOptions(&o);
     size_t known = options->size < sizeof o ? options->size : sizeof o;
     memcpy(&o, options, known);
     o.size = static_cast<uint32_t>(sizeof o);
@@ -224,12 +231,7 @@ int readOptions(const KVL_EXT_ConnectOptions* options, openContext* ctx) {
 
 KVL_API void KVL_EXT_initConnectOptions(KVL_EXT_ConnectOptions* options) {
     CLAPI_TRACE(ENTRY, 9006, "API.KVL_EXT_initConnectOptions(options=%p)\n", static_cast<void*>(options));
-    if (options) {
-        memset(options, 0, sizeof *options);
-        options->size = static_cast<uint32_t>(sizeof *options);
-        options->keepAlive = 1;
-        options->tlsMinVersion = KVL_EXT_TLS_1_2;
-    }
+    if (options) initOptions(options);
     CLAPI_TRACE(EXIT, 9007, "API.KVL_EXT_initConnectOptions()\n");
 }
 
