@@ -15,6 +15,20 @@ uint16_t deadPort() {
     return port;
 }
 
+// The platform's own words for a refused connection, as the open must report them.
+std::string refusedText(uint16_t port) {
+    platformAddress a;
+    if (platformResolve("127.0.0.1", std::to_string(port).c_str(), &a) != 0) return "?";
+    platformSocket s = platformSocketCreate(a.family, a.socktype, a.protocol);
+    int rc = platformConnect(s, &a);
+    int error = platformSocketError();
+    platformCloseSocket(s);
+    if (rc != -1) return "?";
+    char text[256];
+    platformSocketErrorText(error, text, sizeof text);
+    return text;
+}
+
 // The address list the next opens see, in place of the resolver's.
 std::vector<std::pair<std::string, uint16_t>> injected;
 int injectedResolve(const char*, const char*, platformAddress* out, int max, int* count) {
@@ -73,11 +87,25 @@ TEST_F(Open, RecordOfAnEarlierSizeOpensWithDefaults) {
 }
 
 TEST_F(Open, TriesEveryAddressInTurn) {
-    // The first address refuses (nothing listens on 127.0.0.2), the second is the emulator.
-    injected = {{"127.0.0.2", emu.port()}, {"127.0.0.1", emu.port()}};
+    // The first address refuses (nothing listens on 127.0.0.2, nor on IPv6:
+    // the emulator has only 127.0.0.1), the second is the emulator.
     clapiExtResolveHook = injectedResolve;
-    ASSERT_EQ(open(optionsFor(emu.port(), "gateway.test")), KVL_OK) << lastErrorText();
-    expectEchoWorks();
+    for (const char* first : {"127.0.0.2", "::1"}) {
+        SCOPED_TRACE(first);
+        injected = {{first, emu.port()}, {"127.0.0.1", emu.port()}};
+        ASSERT_EQ(open(optionsFor(emu.port(), "gateway.test")), KVL_OK) << lastErrorText();
+        expectEchoWorks();
+        EXPECT_EQ(KVL_closeGatewayConnection(&token), KVL_OK);
+    }
+}
+
+TEST_F(Open, WhenEveryAddressFailsTheTextNamesEach) {
+    uint16_t dead = deadPort();
+    injected = {{"127.0.0.2", dead}, {"127.0.0.1", dead}};
+    clapiExtResolveHook = injectedResolve;
+    EXPECT_EQ(open(optionsFor(dead, "gateway.test")), KVL_ERR_CONNECTFAILED);
+    EXPECT_EQ(lastErrorText(), "connect to gateway.test:" + std::to_string(dead) +
+                                   ": 127.0.0.2: " + refusedText(dead) + "; 127.0.0.1: " + refusedText(dead));
 }
 
 TEST_F(Open, TriesIpv6AndIpv4AddressesOfOneName) {
@@ -93,6 +121,9 @@ TEST_F(Open, TriesIpv6AndIpv4AddressesOfOneName) {
 TEST_F(Open, EveryFailureHasItsCodeAndText) {
     uint16_t dead = deadPort();
     ASSERT_NE(dead, 0);
+    const std::string refused = refusedText(dead);
+    EXPECT_NE(refused, "?");
+    EXPECT_NE(refused, "Unknown");
     struct Case {
         const char* what;
         std::function<void(KVL_EXT_ConnectOptions&)> change;
@@ -101,7 +132,7 @@ TEST_F(Open, EveryFailureHasItsCodeAndText) {
         std::string text;  // the whole text, or its start when it ends with '*'
     } cases[] = {
         {"refused", [&](auto& o) { o.port = dead; }, kvlemu::HandshakeMode::Accept, KVL_ERR_CONNECTFAILED,
-         "connect to 127.0.0.1:" + std::to_string(dead) + ": Connection refused"},
+         "connect to 127.0.0.1:" + std::to_string(dead) + ": " + refusedText(dead)},
         {"unknown host", [](auto& o) { o.host = "no-such-host.invalid"; }, kvlemu::HandshakeMode::Accept,
          KVL_EXT_ERR_NOADDRESS, "resolve no-such-host.invalid: *"},
         {"handshake refused", [](auto&) {}, kvlemu::HandshakeMode::Refuse, KVL_ERR_WORK_WAS_REFUSED,
