@@ -96,7 +96,9 @@ protected:
     }
     void TearDown() override {
         emu.openGate();
-        if (token) EXPECT_EQ(KVL_purgeGatewayConnection(&token, 0), KVL_OK);
+        if (token) {
+            EXPECT_EQ(KVL_purgeGatewayConnection(&token, 0), KVL_OK);
+        }
         emu.stop();
     }
     int execute(EciParms& p) { return KVL_ECI_Execute(token, &p); }

@@ -46,7 +46,9 @@ protected:
     void SetUp() override { ASSERT_TRUE(emu.start("127.0.0.1", 0)) << emu.lastError(); }
     void TearDown() override {
         clapiExtResolveHook = nullptr;
-        if (token) EXPECT_EQ(KVL_closeGatewayConnection(&token), KVL_OK);
+        if (token) {
+            EXPECT_EQ(KVL_closeGatewayConnection(&token), KVL_OK);
+        }
         emu.stop();
     }
     int open(const KVL_EXT_ConnectOptions& o) { return KVL_EXT_openConnection(&o, &token); }

@@ -106,7 +106,9 @@ TEST(LatencyHistogram, BucketsHoldTheirValuesAndQuantilesPickTheRightOne) {
                        1234567ull, 1ull << 39}) {
         int b = clapiExtLatencyBucket(v);
         EXPECT_LE(v, clapiExtLatencyBucketTop(b)) << v;
-        if (b > 0) EXPECT_GT(v, clapiExtLatencyBucketTop(b - 1)) << v;
+        if (b > 0) {
+            EXPECT_GT(v, clapiExtLatencyBucketTop(b - 1)) << v;
+        }
         EXPECT_LE(clapiExtLatencyBucketTop(b), v + v / 4 + 1) << "resolution of a quarter octave at " << v;
     }
     EXPECT_EQ(clapiExtLatencyBucket(UINT64_MAX), CLAPI_EXT_LATENCY_BUCKETS - 1);
