@@ -2,11 +2,11 @@
 # The shared library and the internal static library are both built from the same objects.
 
 if(WIN32)
-  set(KVL_PLATFORM_SOURCES src/platform/platform_win32.cpp)
+  set(KVL_PLATFORM_SOURCES src/platform/platform_win32.cpp src/platform/platform_ext_win32.cpp)
   set(KVL_ENTRY_SOURCES src/platform/entry_win32.cpp)
   set(KVL_PLATFORM_LIBS ws2_32)
 else()
-  set(KVL_PLATFORM_SOURCES src/platform/platform_posix.cpp)
+  set(KVL_PLATFORM_SOURCES src/platform/platform_posix.cpp src/platform/platform_ext_posix.cpp)
   set(KVL_ENTRY_SOURCES src/platform/entry_posix.cpp)
   set(KVL_PLATFORM_LIBS pthread)
 endif()

@@ -117,30 +117,49 @@ KVL_EXTERN_C_BEGIN
 KVL_API void KVL_EXT_initConnectOptions(KVL_EXT_ConnectOptions* options);
 
 /** Opens a connection as KVL_openRemoteGatewayConnectionApplid does, with options.
- * Tries every address the host resolves to, in order, within connectTimeoutMs.
- * @return KVL_OK; KVL_EXT_ERR_BADOPTIONS; KVL_ERR_NULLGWTOKPTR; the open's codes
- *         (-107, -118, -132, -134, -139, ...); a KVL_EXT_ERR_TLS_ code.
+ * Tries every address the host resolves to (IPv6 and IPv4), in the resolver's
+ * order, within connectTimeoutMs: each address gets an equal share of the time
+ * left, the last all of it. The same bound covers TLS and the handshake.
+ * @return KVL_OK; KVL_EXT_ERR_BADOPTIONS; KVL_ERR_NULLGWTOKPTR; KVL_ERR_BADPORT;
+ *         KVL_ERR_APPLIDTOOLONG; KVL_EXT_ERR_NOADDRESS (the name did not resolve);
+ *         KVL_ERR_CONNECTFAILED (every address refused or failed);
+ *         KVL_ERR_CONNECTTIMEOUT (the time ran out); the Gateway's refusal of
+ *         the handshake (for example KVL_ERR_WORK_WAS_REFUSED); a KVL_EXT_ERR_TLS_ code.
  *         KVL_EXT_getLastErrorText says why an open failed. */
 KVL_API int KVL_EXT_openConnection(const KVL_EXT_ConnectOptions* options, gwTok* gwTokPtr);
 
-/** Sets the deadline, in milliseconds, of the connection's synchronous calls and
- * waiting retrievals (0: none). A call whose deadline passes returns
- * ECI_ERR_RESPONSE_TIMEOUT; its late reply is read and dropped.
+/** Sets the deadline, in milliseconds, of the connection's synchronous calls
+ * (ECI, channel, ESI, list of servers) and waiting retrievals (0: none; at most
+ * 86400000). Works on any open connection, also one opened without options;
+ * takes effect for calls that start waiting after it.
+ * A call whose deadline passes returns ECI_ERR_RESPONSE_TIMEOUT with nothing
+ * of the reply in the caller's memory (a channel unlocked and unchanged); its
+ * late reply is read and dropped. Its work on the server is in doubt: see
+ * "Deadlines" in docs/extensions.md.
  * @return KVL_OK, KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK, KVL_EXT_ERR_BADDEADLINE. */
 KVL_API int KVL_EXT_setCallDeadline(gwTok token, int deadlineMs);
-/** Reads the connection's deadline in milliseconds. */
+/** Reads the connection's deadline in milliseconds.
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK. */
 KVL_API int KVL_EXT_getCallDeadline(gwTok token, int* deadlineMs);
 
 /** The connection's completion handle: readable (signalled) exactly while async
- * replies are queued, level-triggered. It belongs to the connection and is
- * closed with it; do not close it. Collect with the non-waiting retrievals. */
+ * replies are queued, level-triggered; replies that a lost connection fails are
+ * queued too. It belongs to the connection and is closed with it; do not close
+ * it, read it or write it. Collect with the non-waiting retrievals
+ * (ECI_GET_REPLY, ECI_GET_SPECIFIC_REPLY) until ECI_ERR_NO_REPLY.
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK, KVL_EXT_ERR_NOHANDLE. */
 KVL_API int KVL_EXT_getCompletionHandle(gwTok token, KVL_EXT_Handle* handle);
 
-/** Copies the reason for the calling thread's last failure (NUL-terminated,
- * cut to bufferLength - 1 bytes). An empty text when the last call succeeded. */
+/** Copies the reason for the calling thread's last failure of an extension
+ * function or of a call that a deadline ended (NUL-terminated, cut to
+ * bufferLength - 1 bytes). An extension function that succeeds empties it.
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_EXT_ERR_BUFFERTOOSMALL. */
 KVL_API int KVL_EXT_getLastErrorText(char* buffer, size_t bufferLength);
 
-/** Copies the connection's figures; set stats->size first. */
+/** Copies the connection's figures without stopping its traffic; set
+ * stats->size first (a record from an earlier, shorter version gets its own fields).
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_EXT_ERR_BADOPTIONS (size too small),
+ *         KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK. */
 KVL_API int KVL_EXT_getStatistics(gwTok token, KVL_EXT_Statistics* stats);
 
 /** The name of any code of the library or of its extensions ("UNKNOWN" otherwise).

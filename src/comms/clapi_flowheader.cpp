@@ -155,3 +155,7 @@ int clapiFlowCloseRequest(platformSocket socketDesc) {
     CLAPI_TRACE(EXIT, 3209, "clapi_socketcomms.clapiFlowCloseRequest() rc=%d\n", rc);
     return rc;
 }
+
+uint64_t clapiFlowLength(const flowHeader* header) {
+    return uint64_t{HEADER_FIXED_LEN} + header->requestTypeLen + header->bodyLen;
+}
