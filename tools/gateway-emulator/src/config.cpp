@@ -184,16 +184,8 @@ bool parseConfig(const std::string& text, Config& out, std::string& error, const
         if (block) {
             if (verb == "end") {
                 for (auto& rule : block->rules) {
-                    // Settings a rule leaves out come from the program's own.
-                    ProgramResponse& r = rule.response;
-                    const ProgramResponse& d = block->defaults;
-                    if (!r.reply) r.reply = d.reply;
-                    if (!r.length) r.length = d.length;
-                    if (!r.rc) r.rc = d.rc;
-                    if (!r.abend) r.abend = d.abend;
-                    if (!r.delayMs) r.delayMs = d.delayMs;
-                    if (!r.command) r.command = d.command;
-                    if (r.containers.empty()) r.containers = d.containers;
+                    // A rule stands alone, except for the program's delay.
+                    if (!rule.response.delayMs) rule.response.delayMs = block->defaults.delayMs;
                 }
                 out.programs.push_back(std::move(*block));
                 block.reset();

@@ -12,8 +12,8 @@
 
 namespace kvlemu {
 
-// What a configured program answers (every field optional: unset ones come
-// from the program's defaults, then from echoing the request).
+// What a configured program answers. Unset fields leave the echo of the
+// request as it is; a rule without a delay takes the program's.
 struct ProgramResponse {
     std::optional<wire::Bytes> reply;    // written over the start of the COMMAREA
     std::optional<int32_t> length;       // bytes sent back (explicit count when fewer)
