@@ -3,7 +3,8 @@
 // Locks: Impl::m guards everything in Impl and the fields of Connection marked
 // "under m"; Connection::sendMutex guards writes to that connection's stream;
 // logMutex only orders log lines. Order: m is never held while sending or
-// while a program runs; sendMutex may be taken with nothing else held.
+// while a program runs; sendMutex may be taken with nothing else held, and
+// logMutex (the flow tap) inside it.
 //
 // Threads: one accept thread, one reader per connection (it runs programs that
 // cannot block), a small worker pool for programs that may, and one timer

@@ -54,9 +54,10 @@ bool Emulator::Impl::send(Connection& conn, const wire::Bytes& flow, const char*
     bool ok;
     {
         std::lock_guard<std::mutex> lock(conn.sendMutex);
+        // Tapped before it goes: once the client has the reply, the record has it too.
+        if (!conn.dropped) tap(conn, false, flow);
         ok = !conn.dropped && conn.stream->write(flow.data(), flow.size());
     }
-    if (ok) tap(conn, false, flow);
     log(2, sentLine(conn, flow, what) + (ok ? "" : " NOT SENT"), &flow);
     return ok;
 }
