@@ -101,7 +101,9 @@ end
         SCOPED_TRACE(c.custno ? c.custno : "none");
         chanTok ch = nullptr;
         ASSERT_EQ(ECI_createChannel("CUSTOMER", &ch), ECI_NO_ERROR);
-        if (c.custno) ASSERT_EQ(ECI_createContainer(ch, "CUSTNO", ECI_CHAR, 0, c.custno, 4), ECI_NO_ERROR);
+        if (c.custno) {
+            ASSERT_EQ(ECI_createContainer(ch, "CUSTNO", ECI_CHAR, 0, c.custno, 4), ECI_NO_ERROR);
+        }
         ASSERT_EQ(ECI_createContainer(ch, "WORK", ECI_BIT, 0, "w", 1), ECI_NO_ERROR);
         Bytes none;
         EciParms p = ecitest::callParms(ECI_SYNC, "CUSTCHAN", none);
@@ -149,14 +151,17 @@ TEST_F(ConfiguredEmulator, UnitsOfWorkCommitAndBackOutAroundConfiguredPrograms) 
 
 TEST_F(ConfiguredEmulator, ExternalCommandGetsTheRequestAndWritesTheReply) {
 #ifdef _WIN32
-    const char* upper = "program UPPER\n command sort\nend\nprogram FAILS\n command cmd /c exit 3\nend\n";
+    // `more` copies its input: what comes back went through the command.
+    const char* setup = "program UPPER\n command more\nend\nprogram FAILS\n command cmd /c exit 3\nend\n";
+    const char* expected = "customer";
 #else
-    const char* upper = "program UPPER\n command tr a-z A-Z\nend\nprogram FAILS\n command exit 3\nend\n";
+    const char* setup = "program UPPER\n command tr a-z A-Z\nend\nprogram FAILS\n command exit 3\nend\n";
+    const char* expected = "CUSTOMER";
 #endif
-    configure(upper);
+    configure(setup);
     Answer a = call("UPPER", "customer", 8);
     EXPECT_EQ(a.rc, ECI_NO_ERROR);
-    EXPECT_EQ(a.area, "CUSTOMER");
+    EXPECT_EQ(a.area, expected);
     Answer f = call("FAILS", "x", 8);
     EXPECT_EQ(f.rc, ECI_ERR_TRANSACTION_ABEND);
     EXPECT_EQ(f.abend, "CMDF");
