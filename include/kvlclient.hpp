@@ -14,14 +14,19 @@
  * the destructor must not race with calls made on other threads. A Channel is a
  * value: one thread at a time, like a std::string.
  *
- * Define KVLCLIENT_HPP_WITH_EXT to 1 before including this header to use the
- * extension functions of kvl_ext.h (connection options, error texts, names of the
- * extension codes); 0 keeps to the base library.
+ * The extension functions of kvl_ext.h are used unless KVLCLIENT_HPP_WITH_EXT is
+ * defined to 0 before this header: connection options (time-outs, deadlines,
+ * keep-alive, TLS), deadlines, statistics, the library's error texts, the names
+ * of the extension codes, and the completion handle the collector of
+ * asynchronous replies waits on. With 0 the header keeps to the base library
+ * (and the collector looks for replies every few milliseconds).
  */
 #ifndef KVLCLIENT_HPP
 #define KVLCLIENT_HPP
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
@@ -49,7 +54,17 @@
 #include "kvlclient.h"
 
 #ifndef KVLCLIENT_HPP_WITH_EXT
-#define KVLCLIENT_HPP_WITH_EXT 0
+#define KVLCLIENT_HPP_WITH_EXT 1
+#endif
+
+#if KVLCLIENT_HPP_WITH_EXT
+#ifdef _WIN32
+// The one call needed to wait on the completion handle; declared as <windows.h>
+// does, so that this header does not bring in all of it (nor its min and max).
+extern "C" __declspec(dllimport) unsigned long __stdcall WaitForSingleObject(void* handle, unsigned long ms);
+#else
+#include <poll.h>
+#endif
 #endif
 
 /** A field handed to the C++ interface that does not fit its place (a program
@@ -141,13 +156,33 @@ inline std::string last_error_text() {
     return {};
 }
 
+/** Empties the calling thread's error text before a call whose failure may set it
+ * (a deadline), so that an older text is never attached to a newer failure: the
+ * base functions leave the text alone, every succeeding extension function
+ * empties it. */
+inline void forget_error_text([[maybe_unused]] gwTok token) noexcept {
+#if KVLCLIENT_HPP_WITH_EXT
+    int ms = 0;
+    KVL_EXT_getCallDeadline(token, &ms);
+#endif
+}
+
 [[noreturn]] inline void fail(int rc, std::string detail = {}, std::string abend = {}) {
-    if (detail.empty()) detail = last_error_text();
     throw Error(rc, std::move(detail), std::move(abend));
+}
+
+/** Throws with the library's text, for a failure of an extension function or of a
+ * call that began with forget_error_text(). */
+[[noreturn]] inline void fail_with_text(int rc, std::string abend = {}) {
+    fail(rc, last_error_text(), std::move(abend));
 }
 
 inline void check(int rc) {
     if (rc != KVL_OK) fail(rc);
+}
+
+inline void check_with_text(int rc) {
+    if (rc != KVL_OK) fail_with_text(rc);
 }
 
 [[noreturn]] inline void bad_field(const char* what, std::string_view value, std::size_t limit) {
@@ -364,6 +399,64 @@ struct SecurityDetails {
     int invalid_attempts = 0;
 };
 
+#if KVLCLIENT_HPP_WITH_EXT
+/** TLS settings of a connection. */
+struct TlsOptions {
+    bool enabled = false;          /**< true: the connection runs over TLS */
+    std::string ca_file;           /**< PEM file of trusted CAs; empty: the system's store */
+    std::string cert_file;         /**< PEM client certificate (mutual TLS), or empty */
+    std::string key_file;          /**< PEM key of the client certificate, or empty */
+    std::string server_name;       /**< name sent and checked; empty: the host */
+    std::string cipher_list;       /**< cipher list where the platform allows one, or empty */
+    bool verify = true;            /**< false accepts any certificate: for tests only */
+    bool check_host_name = true;   /**< false skips the name check (the chain is still verified) */
+    int min_version = 0;           /**< KVL_EXT_TLS_1_2 (also 0) or KVL_EXT_TLS_1_3 */
+};
+
+/** How a connection is opened; every field left alone keeps the plain open's behaviour. */
+struct ConnectOptions {
+    std::string host;                               /**< name or address (IPv4 or IPv6); every address is tried */
+    int port = 0;                                   /**< 1..65535 */
+    std::string applid;                             /**< at most 8 characters */
+    std::string qualifier;                          /**< at most 8 characters */
+    std::chrono::milliseconds connect_timeout{0};   /**< bound on resolving, connecting, TLS and handshake; 0: none */
+    std::chrono::milliseconds deadline{0};          /**< default deadline of synchronous calls; 0: none */
+    bool keep_alive = true;                         /**< TCP keep-alive */
+    std::chrono::seconds keep_alive_idle{0};        /**< idle time before the first probe; 0: the system's */
+    std::chrono::seconds keep_alive_interval{0};    /**< time between probes; 0: the system's */
+    int keep_alive_count = 0;                       /**< probes before the connection is dropped; 0: the system's */
+    TlsOptions tls;
+};
+
+/** A connection's figures since its open (see KVL_EXT_Statistics). Indexes are the
+ * KVL_EXT_KIND_ and KVL_EXT_FAIL_ constants. */
+struct Statistics {
+    std::array<std::uint64_t, KVL_EXT_KIND_COUNT> sent{};       /**< requests written, by kind */
+    std::array<std::uint64_t, KVL_EXT_KIND_COUNT> completed{};  /**< requests answered, by kind */
+    std::array<std::uint64_t, KVL_EXT_FAIL_COUNT> failures{};   /**< failed requests, by class */
+    std::uint64_t bytes_out = 0;
+    std::uint64_t bytes_in = 0;
+    std::uint32_t in_flight = 0;      /**< requests unanswered now */
+    std::uint32_t in_flight_max = 0;  /**< the most at once */
+    std::chrono::microseconds latency_p50{0}, latency_p90{0}, latency_p99{0}, latency_max{0};
+
+    /** Requests sent, of every kind. */
+    std::uint64_t total_sent() const noexcept { return sum(sent); }
+    /** Requests answered, of every kind. */
+    std::uint64_t total_completed() const noexcept { return sum(completed); }
+    /** Failed requests, of every class. */
+    std::uint64_t total_failures() const noexcept { return sum(failures); }
+
+private:
+    template <std::size_t N>
+    static std::uint64_t sum(const std::array<std::uint64_t, N>& a) noexcept {
+        std::uint64_t n = 0;
+        for (std::uint64_t v : a) n += v;
+        return n;
+    }
+};
+#endif
+
 class Connection;
 namespace detail {
 struct ConnectionState;
@@ -428,20 +521,76 @@ struct Pending {
     std::function<void(int rc, const EciParms& parms, const Bytes& commarea)> complete;
 };
 
-/** The shared state of a connection: its token and the collector of async replies. */
+/** Waits at most `ms` for the connection's completion handle to be signalled;
+ * true when it is (or when it cannot be waited on: the retrieval then tells). */
+inline bool wait_for_replies([[maybe_unused]] std::intptr_t handle, int ms) {
+#if KVLCLIENT_HPP_WITH_EXT
+#ifdef _WIN32
+    return WaitForSingleObject(reinterpret_cast<void*>(handle), static_cast<unsigned long>(ms)) == 0;
+#else
+    pollfd p{static_cast<int>(handle), POLLIN, 0};
+    return poll(&p, 1, ms) != 0;
+#endif
+#else
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(ms, 2)));
+    return true;
+#endif
+}
+
+/** The shared state of a connection: its token and the collector of async replies.
+ *
+ * The collector never waits inside the library. It waits on the completion
+ * handle (outside the library) and takes what is queued with non-waiting
+ * retrievals; between waits it looks at its orders, so an end of the connection
+ * stops and joins it before the token is handed to the library's close or
+ * purge. After that join nothing but the ending thread holds the token: a
+ * retrieval can never meet a purged token, nor another connection that got the
+ * same address. */
 struct ConnectionState {
+    /** What the collector is told to do. */
+    enum class Order { collect, drain, stop };
+
     gwTok token = nullptr;
     std::mutex mutex;
     std::condition_variable wake;
-    bool closed = false;
+    bool closed = false;  // no new asynchronous calls
+    Order order = Order::collect;
+    std::chrono::steady_clock::time_point drain_until = std::chrono::steady_clock::time_point::max();
     std::size_t pending_count = 0;
     // A message qualifier names a slot, which is reused once its reply was taken:
     // FIFO per qualifier keeps a late registration from being mistaken for an old one.
     std::unordered_map<int, std::deque<Pending>> pending;
     std::thread collector;
+    std::intptr_t handle = 0;  // the completion handle, taken before the collector starts
 
+    // Called with `mutex` held, before the first asynchronous request is sent.
+    void ensure_handle() {
+#if KVLCLIENT_HPP_WITH_EXT
+        if (handle != 0) return;
+        KVL_EXT_Handle h = 0;
+        int rc = KVL_EXT_getCompletionHandle(token, &h);
+        if (rc != KVL_OK) fail_with_text(rc);
+        handle = h;
+#endif
+    }
+
+    // Called with `mutex` held.
     void start_collector() {
-        if (!collector.joinable()) collector = std::thread([this] { collect(); });
+        if (collector.joinable()) return;
+        order = Order::collect;
+        collector = std::thread([this] { collect(); });
+    }
+
+    // Tells the collector to stop (now, or once nothing is pending or `until` passed)
+    // and waits for it. Afterwards the calling thread is the only user of the token.
+    void stop_collector(Order how, std::chrono::steady_clock::time_point until) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            order = how;
+            drain_until = until;
+        }
+        wake.notify_all();
+        if (collector.joinable()) collector.join();
     }
 
     void fail_all(int rc) {
@@ -451,39 +600,52 @@ struct ConnectionState {
             orphans.swap(pending);
             pending_count = 0;
         }
+        wake.notify_all();
         EciParms none{};
         Bytes empty;
         for (auto& [qual, queue] : orphans)
             for (Pending& p : queue) p.complete(rc, none, empty);
     }
 
-    // Takes replies with a waiting retrieval while calls are in flight, and hands each
-    // to the call it answers. Ends when the connection closes.
+    // Collects replies while calls are pending, handing each to the call it answers,
+    // until told to stop (or, draining, until nothing is pending or the time is up).
     void collect() {
         Bytes buffer(32767);
+        gwTok tok;
+        std::intptr_t waitable;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            tok = token;
+            waitable = handle;
+        }
         for (;;) {
             {
                 std::unique_lock<std::mutex> lock(mutex);
-                wake.wait(lock, [this] { return closed || pending_count > 0; });
-                if (closed && pending_count == 0) return;
+                wake.wait(lock, [this] { return order != Order::collect || pending_count > 0; });
+                if (order == Order::stop) return;
+                if (order == Order::drain &&
+                    (pending_count == 0 || std::chrono::steady_clock::now() >= drain_until))
+                    return;
+                if (pending_count == 0) continue;
             }
+            if (!wait_for_replies(waitable, 20)) continue;  // look at the orders again
+            take_queued(tok, buffer);
+        }
+    }
+
+    // Takes every reply queued now, without waiting.
+    void take_queued(gwTok tok, Bytes& buffer) {
+        for (;;) {
             EciParms parms{};
             parms.eci_version = 6;
-            parms.eci_call_type = ECI_GET_REPLY_WAIT;
+            parms.eci_call_type = ECI_GET_REPLY;
             parms.eci_commarea = buffer.data();
             parms.eci_commarea_length = static_cast<short>(buffer.size());
-            int rc = KVL_ECI_Execute(token, &parms);
+            int rc = KVL_ECI_Execute(tok, &parms);
             if (parms.eci_call_type != ECI_ASYNC) {
-                // No reply was delivered: the connection has ended (or is closing).
-                bool by_us;
-                {
-                    std::lock_guard<std::mutex> lock(mutex);
-                    by_us = closed;
-                }
-                fail_all(by_us || rc == KVL_OK ? KVL_ERR_GWTOK_CLOSED : rc);
-                std::lock_guard<std::mutex> lock(mutex);
-                if (closed) return;
-                continue;
+                // No reply delivered: none queued, or the connection cannot deliver any more.
+                if (rc != ECI_ERR_NO_REPLY) fail_all(rc == KVL_OK ? KVL_ERR_GWTOK_CLOSED : rc);
+                return;
             }
             std::optional<Pending> done;
             {
@@ -524,11 +686,53 @@ public:
                                                             applid.c_str(), qualifier.c_str()));
     }
 
-    /** Opens a connection with the extension options (TLS, deadlines, keep-alive). */
+#if KVLCLIENT_HPP_WITH_EXT
+    /** Opens a connection with options: time-outs in ms, a deadline, keep-alive, TLS.
+     * Throws Error with the library's reason in detail() (every address tried, the
+     * TLS failure, ...). A field that does not fit gives KVL_EXT_ERR_BADOPTIONS. */
+    explicit Connection(const ConnectOptions& options) : state_(std::make_unique<detail::ConnectionState>()) {
+        KVL_EXT_ConnectOptions o;
+        KVL_EXT_initConnectOptions(&o);
+        auto ms = [](auto d, const char* what) {
+            auto n = std::chrono::duration_cast<std::chrono::milliseconds>(d).count();
+            if (n < 0 || n > 86400000) detail::fail(KVL_EXT_ERR_BADOPTIONS, std::string(what) + " must be 0 to 86400 s");
+            return static_cast<int>(n);
+        };
+        auto secs = [](std::chrono::seconds d, const char* what) {
+            if (d.count() < 0 || d.count() > 86400)
+                detail::fail(KVL_EXT_ERR_BADOPTIONS, std::string(what) + " must be 0 to 86400 s");
+            return static_cast<int>(d.count());
+        };
+        auto text = [](const std::string& v) { return v.empty() ? nullptr : v.c_str(); };
+        o.host = options.host.c_str();
+        o.port = options.port;
+        o.applid = text(options.applid);
+        o.applidQualifier = text(options.qualifier);
+        o.connectTimeoutMs = ms(options.connect_timeout, "connect_timeout");
+        o.callDeadlineMs = ms(options.deadline, "deadline");
+        o.keepAlive = options.keep_alive ? 1 : 0;
+        o.keepAliveIdleSec = secs(options.keep_alive_idle, "keep_alive_idle");
+        o.keepAliveIntervalSec = secs(options.keep_alive_interval, "keep_alive_interval");
+        o.keepAliveCount = options.keep_alive_count;
+        const TlsOptions& t = options.tls;
+        o.tls = t.enabled ? 1 : 0;
+        o.tlsNoVerify = t.verify ? 0 : 1;
+        o.tlsNoHostnameCheck = t.check_host_name ? 0 : 1;
+        o.tlsMinVersion = t.min_version;
+        o.tlsCaFile = text(t.ca_file);
+        o.tlsCertFile = text(t.cert_file);
+        o.tlsKeyFile = text(t.key_file);
+        o.tlsCipherList = text(t.cipher_list);
+        o.tlsServerName = text(t.server_name);
+        detail::check_with_text(KVL_EXT_openConnection(&o, &state_->token));
+    }
+
+    /** Opens a connection from the C options record of kvl_ext.h. */
     explicit Connection(const KVL_EXT_ConnectOptions& options)
         : state_(std::make_unique<detail::ConnectionState>()) {
-        detail::check(KVL_EXT_openConnection(&options, &state_->token));
+        detail::check_with_text(KVL_EXT_openConnection(&options, &state_->token));
     }
+#endif
 
     /** Opens a connection without throwing: empty with `ec` set on failure. */
     static std::optional<Connection> open(const std::string& host, int port, std::error_code& ec,
@@ -555,11 +759,20 @@ public:
     ~Connection() { end_quietly(); }
 
     /** Closes: waits for calls and asynchronous replies in flight, then ends the connection. */
-    void close() { end([](gwTok* tok) { return KVL_closeGatewayConnection(tok); }); }
+    void close() {
+        end([](gwTok* tok, int) { return KVL_closeGatewayConnection(tok); }, detail::ConnectionState::Order::drain);
+    }
     /** Ends the connection after waiting at most `wait_seconds` (0..3600) for work in flight;
      * asynchronous calls still unanswered then complete with an Error. */
     void purge(int wait_seconds = 0) {
-        end([wait_seconds](gwTok* tok) { return KVL_purgeGatewayConnection(tok, wait_seconds); });
+        if (wait_seconds < 0 || wait_seconds > 3600) detail::fail(KVL_ERR_INVALIDTIMEOUTPARM, "0 to 3600 seconds");
+        if (wait_seconds == 0) {
+            end([](gwTok* tok, int) { return KVL_purgeGatewayConnection(tok, 0); },
+                detail::ConnectionState::Order::stop);
+            return;
+        }
+        end([](gwTok* tok, int left) { return KVL_purgeGatewayConnection(tok, left); },
+            detail::ConnectionState::Order::drain, std::chrono::steady_clock::now() + std::chrono::seconds(wait_seconds));
     }
     /** True until close(), purge() or a move. */
     bool is_open() const noexcept { return state_ && state_->token; }
@@ -568,6 +781,45 @@ public:
         if (!is_open()) detail::fail(KVL_ERR_NULLGWTOK, "connection is closed");
         return state_->token;
     }
+
+#if KVLCLIENT_HPP_WITH_EXT
+    /** The deadline of synchronous calls (ECI, channel, passwords, server list), 0 for
+     * none. A call whose deadline passes throws Error ECI_ERR_RESPONSE_TIMEOUT (-6)
+     * with the library's text ("no reply within N ms"); its work on the server is in
+     * doubt. Futures are not bounded by it: wait on them with wait_for. */
+    std::chrono::milliseconds deadline() const {
+        int ms = 0;
+        detail::check_with_text(KVL_EXT_getCallDeadline(handle(), &ms));
+        return std::chrono::milliseconds(ms);
+    }
+    /** Sets the deadline for calls that start after it (0: none; at most 24 hours). */
+    void set_deadline(std::chrono::milliseconds deadline) {
+        auto n = deadline.count();
+        if (n < 0 || n > 86400000) detail::fail(KVL_EXT_ERR_BADDEADLINE, "deadline must be 0 to 86400000 ms");
+        detail::check_with_text(KVL_EXT_setCallDeadline(handle(), static_cast<int>(n)));
+    }
+
+    /** The connection's figures now, taken without stopping its traffic. */
+    Statistics statistics() const {
+        KVL_EXT_Statistics raw{};
+        raw.size = sizeof raw;
+        detail::check_with_text(KVL_EXT_getStatistics(handle(), &raw));
+        Statistics st;
+        std::copy(std::begin(raw.requestsSent), std::end(raw.requestsSent), st.sent.begin());
+        std::copy(std::begin(raw.requestsCompleted), std::end(raw.requestsCompleted), st.completed.begin());
+        std::copy(std::begin(raw.failures), std::end(raw.failures), st.failures.begin());
+        st.bytes_out = raw.bytesOut;
+        st.bytes_in = raw.bytesIn;
+        st.in_flight = raw.inFlight;
+        st.in_flight_max = raw.inFlightMax;
+        auto us = [](std::uint64_t v) { return std::chrono::microseconds(static_cast<std::int64_t>(v)); };
+        st.latency_p50 = us(raw.latencyP50Us);
+        st.latency_p90 = us(raw.latencyP90Us);
+        st.latency_p99 = us(raw.latencyP99Us);
+        st.latency_max = us(raw.latencyMaxUs);
+        return st;
+    }
+#endif
 
     /** The applid the connection was opened with. */
     std::string applid() const {
@@ -687,7 +939,8 @@ public:
     SecurityDetails verify_password(const std::string& user, const std::string& password,
                                     const std::string& server = {}) {
         esiDetails raw{};
-        detail::check(KVL_ESI_verifyPassword(handle(), user.c_str(), password.c_str(),
+        detail::forget_error_text(handle());
+        detail::check_with_text(KVL_ESI_verifyPassword(handle(), user.c_str(), password.c_str(),
                                              server.empty() ? nullptr : server.c_str(), &raw));
         return convert(raw);
     }
@@ -695,7 +948,8 @@ public:
     SecurityDetails change_password(const std::string& user, const std::string& old_password,
                                     const std::string& new_password, const std::string& server = {}) {
         esiDetails raw{};
-        detail::check(KVL_ESI_changePassword(handle(), user.c_str(), old_password.c_str(), new_password.c_str(),
+        detail::forget_error_text(handle());
+        detail::check_with_text(KVL_ESI_changePassword(handle(), user.c_str(), old_password.c_str(), new_password.c_str(),
                                              server.empty() ? nullptr : server.c_str(), &raw));
         return convert(raw);
     }
@@ -705,13 +959,14 @@ public:
         std::vector<kvlSystemInfo> list(16);
         for (int attempt = 0; attempt < 4; ++attempt) {
             unsigned short count = static_cast<unsigned short>(list.size());
+            detail::forget_error_text(handle());
             int rc = KVL_listSystems(handle(), &count, list.data());
             if (rc == KVL_ERR_MORE_SYSTEMS && count > list.size()) {
                 list.resize(count);  // the Gateway said how many; ask again with room for all
                 continue;
             }
             if (rc == KVL_ERR_NO_SYSTEMS) return {};
-            detail::check(rc);
+            detail::check_with_text(rc);
             std::vector<System> result;
             for (unsigned short i = 0; i < std::min<std::size_t>(count, list.size()); ++i) {
                 result.push_back({detail::trim_field(list[i].SystemName, sizeof list[i].SystemName),
@@ -774,9 +1029,10 @@ private:
         prepare(parms, program, commarea, options, buffer);
         parms.eci_extend_mode = extend;
         parms.eci_luw_token = luw;
+        detail::forget_error_text(token);
         int rc = KVL_ECI_Execute(token, &parms);
         if (unit) unit->after(rc, parms);
-        if (rc != KVL_OK) detail::fail(rc, {}, detail::trim_field(parms.eci_abend, sizeof parms.eci_abend));
+        if (rc != KVL_OK) detail::fail_with_text(rc, detail::trim_field(parms.eci_abend, sizeof parms.eci_abend));
         // The synchronous path fills the COMMAREA in place; reply_length bounds what came back.
         std::size_t size = buffer.size();
         if (options.reply_length > 0) size = std::min<std::size_t>(size, options.reply_length);
@@ -793,9 +1049,10 @@ private:
         parms.eci_channel = channel.handle();
         parms.eci_extend_mode = extend;
         parms.eci_luw_token = luw;
+        detail::forget_error_text(token);
         int rc = KVL_ECI_Execute_Channel(token, &parms);
         if (unit) unit->after(rc, parms);
-        if (rc != KVL_OK) detail::fail(rc, {}, detail::trim_field(parms.eci_abend, sizeof parms.eci_abend));
+        if (rc != KVL_OK) detail::fail_with_text(rc, detail::trim_field(parms.eci_abend, sizeof parms.eci_abend));
     }
 
     static int end_unit(gwTok token, short mode, int luw, const CallOptions& options) {
@@ -804,6 +1061,7 @@ private:
         prepare(parms, " ", {}, options, unused);
         parms.eci_extend_mode = mode;
         parms.eci_luw_token = luw;
+        detail::forget_error_text(token);
         return KVL_ECI_Execute(token, &parms);
     }
 
@@ -813,6 +1071,7 @@ private:
         detail::ConnectionState& s = *state_;
         std::lock_guard<std::mutex> lock(s.mutex);
         if (s.closed) detail::fail(KVL_ERR_GWTOK_CLOSED, "connection is closing");
+        s.ensure_handle();
         // Sent under the lock so the qualifier is registered before the collector can see its reply.
         int rc = send(parms);
         if (rc != KVL_OK) detail::fail(rc);
@@ -822,8 +1081,12 @@ private:
         s.wake.notify_all();
     }
 
+    // Ends the connection: refuses new asynchronous calls, lets the collector take the
+    // replies it is to wait for (`how`, `until`) and joins it, and only then hands the
+    // token to the library. `ender` gets the seconds left of `until`.
     template <class Ender>
-    void end(Ender ender) {
+    void end(Ender ender, detail::ConnectionState::Order how,
+             std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max()) {
         gwTok tok = handle();
         detail::ConnectionState& s = *state_;
         {
@@ -831,24 +1094,23 @@ private:
             std::lock_guard<std::mutex> lock(s.mutex);
             s.closed = true;
         }
-        int rc = ender(&tok);
+        s.stop_collector(how, until);
+        int left = 0;
+        if (until != std::chrono::steady_clock::time_point::max()) {
+            auto rest = std::chrono::ceil<std::chrono::seconds>(until - std::chrono::steady_clock::now());
+            left = static_cast<int>(std::max<std::chrono::seconds::rep>(rest.count(), 0));
+        }
+        int rc = ender(&tok, left);
         if (rc != KVL_OK) {
             std::lock_guard<std::mutex> lock(s.mutex);
             s.closed = false;
+            if (s.pending_count > 0) s.start_collector();
             detail::fail(rc);
         }
-        finish();
-    }
-
-    // After the library let go of the token: stop the collector, fail what is left.
-    void finish() {
-        detail::ConnectionState& s = *state_;
         {
             std::lock_guard<std::mutex> lock(s.mutex);
             s.token = nullptr;
         }
-        s.wake.notify_all();
-        if (s.collector.joinable()) s.collector.join();
         s.fail_all(KVL_ERR_GWTOK_CLOSED);
     }
 
@@ -912,7 +1174,7 @@ inline void Unit::end(short mode) {
     if (!conn_->token) detail::fail(KVL_ERR_NULLGWTOK, "connection is closed");
     int rc = Connection::end_unit(conn_->token, mode, token_, options_);
     token_ = 0;
-    detail::check(rc);
+    detail::check_with_text(rc);
 }
 
 /** Versions of the library. */
