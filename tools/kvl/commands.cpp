@@ -16,9 +16,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-kvl::Connection connect(const Settings& s) {
-    return kvl::Connection(s.host, s.port, s.connectTimeout, s.applid, s.qualifier);
-}
+kvl::Connection connect(const Settings& s) { return kvl::Connection(connectOptions(s)); }
 
 // The password: --password-insecure, else the environment variable, else a prompt
 // on the terminal when asked for (or when `required`). Empty when none is given.
@@ -82,12 +80,13 @@ int callAsyncShown(kvl::Connection& conn, const CallArgs& a, const std::string& 
     r.eci_msg_qual = qualifier;
     r.eci_commarea = reply.data();
     r.eci_commarea_length = static_cast<short>(reply.size());
+    kvl::detail::forget_error_text(conn.handle());
     rc = KVL_ECI_Execute(conn.handle(), &r);
     double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     std::string abend(r.eci_abend, strnlen(r.eci_abend, 4));
     while (!abend.empty() && abend.back() == ' ') abend.pop_back();
     if (rc != KVL_OK)
-        return reportError("collect " + a.program, kvl::Error(rc, {}, abend), s.json,
+        return reportError("collect " + a.program, kvl::Error(rc, kvl::detail::last_error_text(), abend), s.json,
                            Json{{"program", a.program}, {"msgQual", qualifier}});
     kvl::Reply out;
     out.data.assign(reply.begin(), reply.begin() + std::max<short>(r.commarea_inbound_length, 0));
@@ -178,6 +177,27 @@ int callChannel(kvl::Connection& conn, const CallArgs& a, const Settings& s) {
 
 }  // namespace
 
+kvl::ConnectOptions connectOptions(const Settings& s) {
+    using std::chrono::milliseconds;
+    bool tlsSettings = !s.caFile.empty() || !s.certFile.empty() || !s.keyFile.empty() || !s.serverName.empty() || s.insecure;
+    if (tlsSettings && !s.tls) throw UsageError("--ca, --cert, --key, --server-name and --insecure need --tls");
+    if (s.certFile.empty() != s.keyFile.empty()) throw UsageError("--cert and --key go together");
+    kvl::ConnectOptions o;
+    o.host = s.host;
+    o.port = s.port;
+    o.applid = s.applid;
+    o.qualifier = s.qualifier;
+    o.connect_timeout = milliseconds(static_cast<long long>(s.connectTimeout * 1000 + 0.5));
+    o.deadline = milliseconds(static_cast<long long>(s.deadline * 1000 + 0.5));
+    o.tls.enabled = s.tls;
+    o.tls.ca_file = s.caFile;
+    o.tls.cert_file = s.certFile;
+    o.tls.key_file = s.keyFile;
+    o.tls.server_name = s.serverName;
+    o.tls.verify = !s.insecure;
+    return o;
+}
+
 void applyTrace(const std::string& spec) {
     if (spec.empty()) return;
     size_t colon = spec.find(':');
@@ -195,6 +215,8 @@ int runCall(const Settings& s, CallArgs a) {
     if ((a.commit || a.backout) && !a.begin) throw UsageError("--commit and --backout need --begin");
     if (a.commit && a.backout) throw UsageError("--commit or --backout, not both");
     if (a.repeat < 1 || a.concurrency < 1) throw UsageError("--repeat and --concurrency must be at least 1");
+    if (a.stats && (!a.script.empty() || !a.channel.empty() || !a.containers.empty() || a.async))
+        throw UsageError("--stats goes with a COMMAREA call or --repeat");
     if (!a.options.user.empty()) a.options.password = resolvePassword(a.password, "Password for " + a.options.user + ": ", false);
     a.options.commarea_length = a.length;
     a.options.reply_length = a.replyLength;
@@ -207,10 +229,14 @@ int runCall(const Settings& s, CallArgs a) {
         if (a.repeat > 1 || a.concurrency > 1) return runLoad(conn, a, data, s.json);
         if (a.async) return callAsyncShown(conn, a, data, s);
         kvl::Reply r = conn.call(a.program, data, a.options);
-        if (s.json)
-            print(replyJson(a.program, r, a.codePage));
-        else
+        if (s.json) {
+            Json j = replyJson(a.program, r, a.codePage);
+            if (a.stats) j["statistics"] = statisticsJson(conn.statistics());
+            print(j);
+        } else {
             printReply(a.program, r, a.codePage);
+            if (a.stats) printStatistics(conn.statistics());
+        }
         return kExitOk;
     } catch (const kvl::Error& e) {
         return reportError(a.program.empty() ? "call" : a.program, e, s.json, Json{{"program", a.program}});

@@ -13,11 +13,16 @@ namespace kvlcli {
 struct Settings {
     std::string host = "127.0.0.1";
     int port = 2006;
-    int connectTimeout = 30;
+    double connectTimeout = 30;  // seconds; fractions allowed
+    double deadline = 0;         // seconds a synchronous call may wait; 0: no limit
     std::string applid;
     std::string qualifier;
     std::string trace;  // LEVEL[:FILE]
     bool json = false;
+    // TLS
+    bool tls = false;
+    std::string caFile, certFile, keyFile, serverName;
+    bool insecure = false;  // accept any certificate
 };
 
 // Where a password comes from: never a visible argument unless insecure is used.
@@ -47,6 +52,7 @@ struct CallArgs {
     bool begin = false, commit = false, backout = false;
     int repeat = 1;
     int concurrency = 1;
+    bool stats = false;  // show the connection's statistics after the calls
 };
 
 int runCall(const Settings& s, CallArgs a);
@@ -58,5 +64,8 @@ int runVersion(const Settings& s);
 
 // Applies --trace LEVEL[:FILE]; throws UsageError when it cannot be read.
 void applyTrace(const std::string& spec);
+
+// The connection options of the settings; throws UsageError for TLS files given without --tls.
+kvl::ConnectOptions connectOptions(const Settings& s);
 
 }  // namespace kvlcli

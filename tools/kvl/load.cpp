@@ -82,7 +82,8 @@ int runLoad(kvl::Connection& conn, const CallArgs& a, const std::string& data, b
                      {"p90", quantile(latencies, 0.9)},
                      {"p99", quantile(latencies, 0.99)},
                      {"max", latencies.empty() ? 0.0 : latencies.back()}}},
-               {"errors", errors}};
+               {"errors", errors},
+               {"statistics", statisticsJson(conn.statistics())}};
         std::cout << j.dump() << std::endl;
     } else {
         std::printf("%s: %d calls, %d threads, %d failed, %.3f s, %.1f calls/s\n", a.program.c_str(), a.repeat,
@@ -90,6 +91,7 @@ int runLoad(kvl::Connection& conn, const CallArgs& a, const std::string& data, b
         std::printf("latency ms: p50 %.3f  p90 %.3f  p99 %.3f  max %.3f\n", quantile(latencies, 0.5),
                     quantile(latencies, 0.9), quantile(latencies, 0.99), latencies.empty() ? 0.0 : latencies.back());
         for (auto [rc, n] : failures) std::printf("  %d x %s (%d)\n", n, kvl::rc_name(rc).c_str(), rc);
+        printStatistics(conn.statistics());
     }
     if (failed == 0) return kExitOk;
     return exitClass(failures.begin()->first);

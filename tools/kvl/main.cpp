@@ -37,8 +37,18 @@ int main(int argc, char** argv) {
         ->envname("KVL_PROFILE");
     app.add_option("-H,--host", s.host, "Gateway host")->envname("KVL_HOST")->capture_default_str();
     app.add_option("-p,--port", s.port, "Gateway port")->envname("KVL_PORT")->check(CLI::Range(1, 65535))->capture_default_str();
-    app.add_option("--connect-timeout", s.connectTimeout, "seconds to wait for the connection (0: no limit)")
-        ->envname("KVL_CONNECT_TIMEOUT")->check(CLI::Range(0, 3600))->capture_default_str();
+    app.add_option("--connect-timeout", s.connectTimeout,
+                   "seconds to resolve, connect (every address in turn), set up TLS and shake hands (0: no limit)")
+        ->envname("KVL_CONNECT_TIMEOUT")->check(CLI::Range(0.0, 3600.0))->capture_default_str();
+    app.add_option("--deadline", s.deadline, "seconds a call may wait for its reply (0: no limit)")
+        ->envname("KVL_DEADLINE")->check(CLI::Range(0.0, 86400.0));
+    app.add_flag("--tls", s.tls, "connect with TLS")->envname("KVL_TLS");
+    app.add_option("--ca", s.caFile, "PEM file of the CAs to trust (default: the system's)")->envname("KVL_TLS_CA");
+    app.add_option("--cert", s.certFile, "PEM client certificate, for a Gateway that asks for one")
+        ->envname("KVL_TLS_CERT");
+    app.add_option("--key", s.keyFile, "PEM key of the client certificate")->envname("KVL_TLS_KEY");
+    app.add_option("--server-name", s.serverName, "name to expect in the Gateway's certificate (default: the host)");
+    app.add_flag("--insecure", s.insecure, "accept any certificate of the Gateway: for tests only");
     app.add_option("--applid", s.applid, "applid of the connection (at most 8 characters)")->envname("KVL_CLI_APPLID");
     app.add_option("--qualifier", s.qualifier, "applid qualifier (at most 8 characters)");
     app.add_option("--trace", s.trace, "API trace: LEVEL (0-5), optionally :FILE")->envname("KVL_TRACE");
@@ -72,6 +82,7 @@ int main(int argc, char** argv) {
     c->add_flag("--backout", call.backout, "back the unit of work out at the end");
     c->add_option("-n,--repeat", call.repeat, "number of calls, for a load check")->check(CLI::PositiveNumber);
     c->add_option("-C,--concurrency", call.concurrency, "threads making the calls")->check(CLI::Range(1, 256));
+    c->add_flag("--stats", call.stats, "show the connection's statistics after the calls");
 
     auto* systems = app.add_subcommand("systems", "list the servers the Gateway knows");
 

@@ -47,6 +47,8 @@ int exitClass(int rc) {
         case ECI_ERR_INVALID_TYPE:
         case ECI_ERR_INVALID_DATA_LENGTH:
         case ECI_ERR_INVALID_DATA_AREA:
+        case KVL_EXT_ERR_BADOPTIONS:
+        case KVL_EXT_ERR_BADDEADLINE:
             return kExitUsage;
         default:
             break;
@@ -154,6 +156,42 @@ Json containersJson(const kvl::Channel& channel, const std::string& codePage) {
         list.push_back(item);
     }
     return Json{{"channel", channel.name()}, {"containers", list}};
+}
+
+Json statisticsJson(const kvl::Statistics& st) {
+    auto ms = [](std::chrono::microseconds us) { return static_cast<double>(us.count()) / 1000.0; };
+    return Json{{"sent", st.total_sent()},
+                {"completed", st.total_completed()},
+                {"failures",
+                 Json{{"connection", st.failures[KVL_EXT_FAIL_CONNECTION]},
+                      {"deadline", st.failures[KVL_EXT_FAIL_DEADLINE]},
+                      {"program", st.failures[KVL_EXT_FAIL_PROGRAM]},
+                      {"security", st.failures[KVL_EXT_FAIL_SECURITY]},
+                      {"other", st.failures[KVL_EXT_FAIL_OTHER]}}},
+                {"bytesOut", st.bytes_out},
+                {"bytesIn", st.bytes_in},
+                {"inFlightMax", st.in_flight_max},
+                {"latencyMs",
+                 Json{{"p50", ms(st.latency_p50)}, {"p90", ms(st.latency_p90)}, {"p99", ms(st.latency_p99)},
+                      {"max", ms(st.latency_max)}}}};
+}
+
+void printStatistics(const kvl::Statistics& st) {
+    auto ms = [](std::chrono::microseconds us) { return static_cast<double>(us.count()) / 1000.0; };
+    std::printf("connection: %llu sent, %llu completed, %llu failed (connection %llu, deadline %llu, program %llu, "
+                "security %llu, other %llu)\n",
+                static_cast<unsigned long long>(st.total_sent()), static_cast<unsigned long long>(st.total_completed()),
+                static_cast<unsigned long long>(st.total_failures()),
+                static_cast<unsigned long long>(st.failures[KVL_EXT_FAIL_CONNECTION]),
+                static_cast<unsigned long long>(st.failures[KVL_EXT_FAIL_DEADLINE]),
+                static_cast<unsigned long long>(st.failures[KVL_EXT_FAIL_PROGRAM]),
+                static_cast<unsigned long long>(st.failures[KVL_EXT_FAIL_SECURITY]),
+                static_cast<unsigned long long>(st.failures[KVL_EXT_FAIL_OTHER]));
+    std::printf("connection: %llu bytes out, %llu bytes in, at most %u in flight\n",
+                static_cast<unsigned long long>(st.bytes_out), static_cast<unsigned long long>(st.bytes_in),
+                static_cast<unsigned>(st.in_flight_max));
+    std::printf("library latency ms: p50 %.3f  p90 %.3f  p99 %.3f  max %.3f\n", ms(st.latency_p50),
+                ms(st.latency_p90), ms(st.latency_p99), ms(st.latency_max));
 }
 
 int reportError(const std::string& what, const kvl::Error& e, bool json, Json extra) {

@@ -38,6 +38,10 @@ Json replyJson(const std::string& program, const kvl::Reply& reply, const std::s
 void printContainers(const kvl::Channel& channel, const std::string& codePage);
 Json containersJson(const kvl::Channel& channel, const std::string& codePage);
 
+// The connection's figures (kvl call --stats, --repeat), for people (to stdout) or as JSON.
+void printStatistics(const kvl::Statistics& st);
+Json statisticsJson(const kvl::Statistics& st);
+
 // A failure: "kvl: what: NAME (rc) ..." on stderr, or a JSON object on stdout.
 // Returns the exit code.
 int reportError(const std::string& what, const kvl::Error& e, bool json, Json extra = Json::object());
