@@ -1,6 +1,8 @@
-// The C++ interface: a call, a unit of work that an exception backs out, a few
-// asynchronous calls in flight at once, and a channel.
+// The C++ interface: a connection with options, a call, a deadline that passes,
+// a unit of work that an exception backs out, a few asynchronous calls in flight
+// at once, a channel, and the connection's statistics.
 // Usage: kvl_cpp_example HOST PORT  (program names are the Gateway emulator's)
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -15,10 +17,20 @@ int main(int argc, char** argv) {
         return 2;
     }
     try {
-        kvl::Connection conn(argv[1], std::atoi(argv[2]), 10);
+        using namespace std::chrono_literals;
+        kvl::Connection conn({.host = argv[1], .port = std::atoi(argv[2]), .connect_timeout = 5s});
 
         kvl::Reply echo = conn.call("ECHO", "hello from C++", {.transaction = "DEMO"});
         std::printf("ECHO answered \"%s\"\n", echo.text().c_str());
+
+        conn.set_deadline(200ms);
+        try {
+            conn.call("DELAY", "1000");
+        } catch (const kvl::Error& e) {
+            // The call's work on the server is in doubt: a real program checks before repeating it.
+            std::printf("%s\n", e.what());  // ECI_ERR_RESPONSE_TIMEOUT (-6): no reply within 200 ms
+        }
+        conn.set_deadline(0ms);
 
         try {
             kvl::Unit unit = conn.begin_unit();
@@ -39,6 +51,11 @@ int main(int argc, char** argv) {
         for (const kvl::ContainerInfo& c : channel.containers())
             std::printf("container %-12s %s \"%s\"\n", c.name.c_str(),
                         c.type == kvl::ContainerType::character ? "CHAR" : "BIT ", channel.text(c.name).c_str());
+
+        kvl::Statistics st = conn.statistics();
+        std::printf("%llu requests sent, %llu failed, p50 latency %lld us\n",
+                    static_cast<unsigned long long>(st.total_sent()), static_cast<unsigned long long>(st.total_failures()),
+                    static_cast<long long>(st.latency_p50.count()));
 
         conn.call("ABEND", "DEMO");  // throws
     } catch (const kvl::Error& e) {

@@ -3,7 +3,10 @@
 from __future__ import annotations
 
 import ctypes
+import select
+import sys
 import threading
+import time
 from collections import deque
 from concurrent.futures import Future
 from typing import TYPE_CHECKING, Any, Callable, Dict, Optional
@@ -31,13 +34,40 @@ class _Pending:
         self.keep = keep  # what must outlive the request (a channel)
 
 
-class ReplyDispatcher:
-    """One per connection. Replies are collected by one waiting thread
-    (ECI_GET_REPLY_WAIT), started with the first asynchronous call, or by
-    :meth:`drain` from an event loop when the completion handle is used.
+def _handle_waiter(handle: int) -> Callable[[float], bool]:
+    """A function that waits at most its argument in seconds for the completion
+    handle to be signalled, and tells whether it is."""
+    if sys.platform == "win32":
+        kernel32 = ctypes.WinDLL("kernel32")
+        wait = kernel32.WaitForSingleObject
+        wait.restype = ctypes.c_ulong
+        wait.argtypes = [ctypes.c_void_p, ctypes.c_ulong]
+        return lambda seconds: wait(handle, int(seconds * 1000)) == 0
 
-    The thread waits in the library only while calls are pending, so closing the
-    connection after the last reply never races with it.
+    def readable(seconds: float) -> bool:
+        ready, _, _ = select.select([handle], [], [], seconds)
+        return bool(ready)
+
+    return readable
+
+
+def _sleeper(seconds: float) -> bool:
+    """Without the completion handle: look again after a short pause."""
+    time.sleep(min(seconds, 0.002))
+    return True
+
+
+class ReplyDispatcher:
+    """One per connection. Replies are collected by one thread, started with the
+    first asynchronous call, or by :meth:`drain` from an event loop when the
+    completion handle is used.
+
+    The thread never waits inside the library: it waits on the completion handle
+    and takes what is queued with non-waiting retrievals, and looks at its orders
+    in between. Ending the connection stops and joins it before the token goes to
+    the library's close or purge, so no retrieval can meet an ended token (nor
+    another connection that was given the same address meanwhile). A connection
+    deadline therefore never ends a future either.
 
     A message qualifier names the library's slot of a request, and the slot is
     reused as soon as its reply is collected: a new request may get the same
@@ -53,6 +83,8 @@ class ReplyDispatcher:
         self._collect = threading.Lock()
         self._thread: Optional[threading.Thread] = None
         self._stopping = False
+        self._stop_now = False
+        self._waiter: Optional[Callable[[float], bool]] = None
         self.use_thread = True
         self._drain_buffer = ctypes.create_string_buffer(MAX_COMMAREA)
 
@@ -72,6 +104,8 @@ class ReplyDispatcher:
         with self._cond:
             if self._stopping:
                 raise ConnectionClosed(c.KVL_ERR_GWTOK_CLOSED, detail="the connection is closing")
+            if self.use_thread and self._waiter is None:
+                self._waiter = self._make_waiter()
             # Registered under the lock the collector takes, so a fast reply finds its future.
             rc = self._conn._execute(parms, channel)
             if rc != 0:
@@ -87,6 +121,11 @@ class ReplyDispatcher:
                 self._thread = threading.Thread(target=self._run, name="kvlclient-replies", daemon=True)
                 self._thread.start()
         return fut
+
+    def _make_waiter(self) -> Callable[[float], bool]:
+        if self._conn._lib.has("KVL_EXT_getCompletionHandle"):
+            return _handle_waiter(self._conn.completion_handle())
+        return _sleeper
 
     def _deliver(self, rc: int, parms: t.EciParms, data: bytes) -> None:
         with self._cond:
@@ -119,32 +158,35 @@ class ReplyDispatcher:
 
     def _run(self) -> None:
         buffer = ctypes.create_string_buffer(MAX_COMMAREA)
+        waiter = self._waiter or _sleeper
         while True:
             with self._cond:
                 while not self._count and not self._stopping:
                     self._cond.wait()
-                if not self._count:
+                if self._stop_now or not self._count:
                     return
+            if not waiter(0.02):
+                continue  # look at the orders again
             with self._collect:
-                rc, parms, data = self._retrieve(c.ECI_GET_REPLY_WAIT, buffer)
-                if parms is None:
-                    # The connection ended under the wait: nothing more will come.
-                    self.fail_all(rc)
-                    return
-                self._deliver(rc, parms, data)
+                self._take_queued(buffer)
+
+    def _take_queued(self, buffer: ctypes.Array) -> None:
+        """Collects every reply queued now, without waiting (called holding ``_collect``)."""
+        while True:
+            rc, parms, data = self._retrieve(c.ECI_GET_REPLY, buffer)
+            if parms is None:
+                if rc != c.ECI_ERR_NO_REPLY:
+                    self.fail_all(rc)  # the connection cannot deliver any more
+                return
+            self._deliver(rc, parms, data)
 
     def drain(self) -> None:
         """Collects every reply queued now, without waiting (for an event loop)."""
         if not self._collect.acquire(blocking=False):
             return  # the reply thread is collecting
         try:
-            while self.pending:
-                rc, parms, data = self._retrieve(c.ECI_GET_REPLY, self._drain_buffer)
-                if parms is None:
-                    if rc != c.ECI_ERR_NO_REPLY:
-                        self.fail_all(rc)
-                    return
-                self._deliver(rc, parms, data)
+            if self.pending:
+                self._take_queued(self._drain_buffer)
         finally:
             self._collect.release()
 
@@ -158,16 +200,21 @@ class ReplyDispatcher:
             entry.future.set_exception(error_for(rc))
 
     def stop(self, wait_for_replies: bool) -> None:
-        """Stops collecting: after every pending reply when ``wait_for_replies``."""
+        """Stops collecting, after every pending reply when ``wait_for_replies``, and
+        waits for the reply thread to end: afterwards no thread of this dispatcher
+        uses the connection's token."""
         with self._cond:
             if wait_for_replies and self._count and (self._thread is None or not self._thread.is_alive()):
                 # The library's close waits for every reply to be collected: collect them.
+                if self._waiter is None:
+                    self._waiter = self._make_waiter()
                 self._thread = threading.Thread(target=self._run, name="kvlclient-replies", daemon=True)
                 self._thread.start()
             while wait_for_replies and self._count and self._thread is not None and self._thread.is_alive():
                 self._cond.wait(0.5)
             self._stopping = True
+            self._stop_now = not wait_for_replies
             self._cond.notify_all()
             thread = self._thread
-        if thread is not None and thread is not threading.current_thread() and not self._count:
-            thread.join(10)
+        if thread is not None and thread is not threading.current_thread():
+            thread.join()

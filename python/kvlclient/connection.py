@@ -179,9 +179,18 @@ class Connection:
         return (out.value or b"").decode("ascii", "replace").rstrip()
 
     # -- plumbing -----------------------------------------------------------------
-    def _check(self, rc: int) -> None:
+    def _check(self, rc: int, with_text: bool = False) -> None:
+        """Raises for a failing code; ``with_text`` adds the library's reason (only for
+        extension functions and calls after :meth:`_forget_error_text`)."""
         if rc != 0:
-            raise error_for(rc, detail=self._lib.last_error_text())
+            raise error_for(rc, detail=self._lib.last_error_text() if with_text else "")
+
+    def _forget_error_text(self) -> None:
+        """Empties this thread's error text before a call whose failure may set it (a
+        deadline): the base functions leave an older text in place, and every
+        succeeding extension function empties it."""
+        if self._lib.has("KVL_EXT_getCallDeadline"):
+            self._lib.KVL_EXT_getCallDeadline(self._handle(), byref(c_int(0)))
 
     def _execute(self, parms: t.EciParms, channel: bool) -> int:
         fn = self._lib.KVL_ECI_Execute_Channel if channel else self._lib.KVL_ECI_Execute
@@ -254,6 +263,7 @@ class Connection:
             parms.commarea_outbound_length = outbound
         creds = _Credentials(userid, password)
         creds.apply(parms)
+        self._forget_error_text()
         try:
             rc = self._execute(parms, False)
         finally:
@@ -283,6 +293,7 @@ class Connection:
             parms.eci_channel = chan.handle
             creds = _Credentials(userid, password)
             creds.apply(parms)
+            self._forget_error_text()
             try:
                 rc = self._execute(parms, True)
             finally:
@@ -362,7 +373,8 @@ class Connection:
     # -- security, systems, extensions ----------------------------------------
     def _esi(self, fn: Any, *args: Optional[bytes]) -> SecurityDetails:
         details = t.EsiDetails()
-        self._check(fn(self._handle(), *args, byref(details)))
+        self._forget_error_text()
+        self._check(fn(self._handle(), *args, byref(details)), with_text=True)
         return SecurityDetails(_esi_time(details.lastVerifiedTime), _esi_time(details.expiryTime),
                                _esi_time(details.lastAccessTime), details.invalidAttemptCount)
 
@@ -382,13 +394,14 @@ class Connection:
         for _ in range(4):  # the list may grow between two asks
             count = c_ushort(capacity)
             entries = (t.SystemInfo * capacity)()
+            self._forget_error_text()
             rc = self._lib.KVL_listSystems(self._handle(), byref(count), entries)
             if rc == c.KVL_ERR_NO_SYSTEMS:
                 return []
             if rc == c.KVL_ERR_MORE_SYSTEMS and count.value > capacity:
                 capacity = count.value
                 continue
-            self._check(rc)
+            self._check(rc, with_text=True)
             n = min(count.value, capacity)
             return [SystemInfo(_text(bytes(e.SystemName)), _text(bytes(e.SystemDescription))) for e in entries[:n]]
         raise error_for(c.KVL_ERR_MORE_SYSTEMS)
@@ -399,29 +412,40 @@ class Connection:
         return getattr(self._lib, symbol)
 
     @property
+    def deadline(self) -> float:
+        """Deadline in seconds of synchronous calls (0: none); settable. A call past it
+        raises :class:`CallTimeout` with the library's text. Futures are not bound
+        by it. Needs the extension API."""
+        return self.call_deadline
+
+    @deadline.setter
+    def deadline(self, seconds: float) -> None:
+        self.call_deadline = seconds
+
+    @property
     def call_deadline(self) -> float:
-        """Deadline in seconds of synchronous calls (0: none). Needs the extension API."""
+        """The same as :attr:`deadline`."""
         ms = c_int(0)
-        self._check(self._need("KVL_EXT_getCallDeadline", "call deadlines")(self._handle(), byref(ms)))
+        self._check(self._need("KVL_EXT_getCallDeadline", "call deadlines")(self._handle(), byref(ms)), True)
         return ms.value / 1000.0
 
     @call_deadline.setter
     def call_deadline(self, seconds: float) -> None:
         fn = self._need("KVL_EXT_setCallDeadline", "call deadlines")
-        self._check(fn(self._handle(), int(round(seconds * 1000))))
+        self._check(fn(self._handle(), _millis(seconds, "deadline", 86400)), True)
 
     def completion_handle(self) -> int:
         """The pollable handle that is readable while async replies are queued
         (a file descriptor on Linux). Needs the extension API."""
         h = ctypes.c_ssize_t(0)
-        self._check(self._need("KVL_EXT_getCompletionHandle", "the completion handle")(self._handle(), byref(h)))
+        self._check(self._need("KVL_EXT_getCompletionHandle", "the completion handle")(self._handle(), byref(h)), True)
         return h.value
 
     def statistics(self) -> dict:
         """The connection's figures as a dict. Needs the extension API."""
         s = t.Statistics()
         s.size = ctypes.sizeof(s)
-        self._check(self._need("KVL_EXT_getStatistics", "statistics")(self._handle(), byref(s)))
+        self._check(self._need("KVL_EXT_getStatistics", "statistics")(self._handle(), byref(s)), True)
         out = {}
         for name, _ in t.Statistics._fields_[1:]:
             v = getattr(s, name)
@@ -486,55 +510,95 @@ class UnitOfWork:
             pass  # the original exception is the one to see
 
 
+def _millis(seconds: float, what: str, limit: float) -> int:
+    if not 0 <= seconds <= limit:
+        raise ValueError(f"{what} is 0..{limit:g} seconds")
+    return int(round(seconds * 1000))
+
+
 def connect(host: str, port: int, applid: Optional[str] = None, applid_qualifier: Optional[str] = None, *,
-            timeout: int = 0, connect_timeout: Optional[float] = None, call_deadline: Optional[float] = None,
-            keepalive: Optional[bool] = None, tls: Optional[TlsOptions] = None) -> Connection:
+            timeout: int = 0, connect_timeout: Optional[float] = None, deadline: Optional[float] = None,
+            call_deadline: Optional[float] = None, keepalive: Optional[bool] = None,
+            tls: Union[bool, TlsOptions, None] = None, ca_file: Optional[str] = None,
+            cert_file: Optional[str] = None, key_file: Optional[str] = None, server_name: Optional[str] = None,
+            verify: Optional[bool] = None) -> Connection:
     """Opens a connection to a Gateway.
 
     Args:
         host, port: where the Gateway listens.
         applid, applid_qualifier: at most 8 characters each (``KVL_APPLID`` and
             ``KVL_APPLIDQUALIFIER`` in the environment replace them).
-        timeout: seconds the connect may take (0..3600; 0: not bounded).
-        connect_timeout, call_deadline, keepalive, tls: extension options (seconds
-            for the times); they need a library with the extension API.
+        timeout: whole seconds the connect may take (0..3600; 0: not bounded).
+        connect_timeout: seconds (fractions allowed) for resolving, connecting to
+            every address in turn, TLS and the handshake.
+        deadline: seconds a synchronous call may wait for its reply (0: no limit);
+            a call past it raises :class:`CallTimeout` (``code`` -6) with the
+            library's text. ``call_deadline`` is the same.
+        keepalive: TCP keep-alive on (the default) or off.
+        tls: True for TLS with the settings below, or a :class:`TlsOptions`.
+        ca_file, cert_file, key_file: PEM files: trusted CAs (default: the
+            system's store), and a client certificate with its key.
+        server_name: the name sent to the Gateway and checked in its certificate
+            (default: ``host``).
+        verify: False accepts any certificate: for tests only.
+
+        Any option besides host, port, applids and ``timeout`` needs a library
+        with the extension API; the TLS options need one built with TLS.
 
     Raises:
-        ConnectFailed: the Gateway could not be reached or refused the connection.
+        ConnectFailed: the Gateway could not be reached or refused the connection;
+            ``detail`` holds the library's reason (every address tried).
+        TlsError: TLS could not be set up, or the Gateway's certificate was refused.
         InvalidArgument: a bad port, applid or time-out.
     """
     library = lib()
     token = t.GwTok()
-    ext_asked = any(v is not None for v in (connect_timeout, call_deadline, keepalive, tls))
+    if deadline is not None and call_deadline is not None and deadline != call_deadline:
+        raise ValueError("give deadline or call_deadline, not both")
+    if deadline is None:
+        deadline = call_deadline
+    flat_tls = {"ca_file": ca_file, "cert_file": cert_file, "key_file": key_file, "server_name": server_name}
+    tls_options: Optional[TlsOptions] = tls if isinstance(tls, TlsOptions) else None
+    if tls is True or (tls is None and any(v is not None for v in list(flat_tls.values()) + [verify])):
+        tls_options = TlsOptions(**{k: v for k, v in flat_tls.items() if v is not None})
+        if verify is not None:
+            tls_options.verify = bool(verify)
+    elif isinstance(tls, TlsOptions) and (any(v is not None for v in flat_tls.values()) or verify is not None):
+        raise ValueError("give TLS settings as a TlsOptions or as keywords, not both")
+    elif tls is False and (any(v is not None for v in flat_tls.values()) or verify is not None):
+        raise ValueError("TLS settings given with tls=False")
+    ext_asked = any(v is not None for v in (connect_timeout, deadline, keepalive, tls_options))
     if not ext_asked:
         rc = library.KVL_openRemoteGatewayConnectionApplid(host.encode("utf-8"), int(port), byref(token),
                                                            int(timeout), (applid or "").encode("ascii"),
                                                            (applid_qualifier or "").encode("ascii"))
     else:
         if not library.has("KVL_EXT_openConnection"):
-            raise NotSupported("connection options (connect_timeout, call_deadline, keepalive, tls)")
+            raise NotSupported("connection options (connect_timeout, deadline, keepalive, tls)")
         o = t.ConnectOptions()
         library.KVL_EXT_initConnectOptions(byref(o))
         keep = [host.encode("utf-8"), _opt(applid), _opt(applid_qualifier)]
         o.host, o.port, o.applid, o.applidQualifier = keep[0], int(port), keep[1], keep[2]
         if connect_timeout is not None:
-            o.connectTimeoutMs = int(round(connect_timeout * 1000))
+            o.connectTimeoutMs = _millis(connect_timeout, "connect_timeout", 3600)
         elif timeout:
-            o.connectTimeoutMs = int(timeout) * 1000
-        if call_deadline is not None:
-            o.callDeadlineMs = int(round(call_deadline * 1000))
+            o.connectTimeoutMs = _millis(timeout, "timeout", 3600)
+        if deadline is not None:
+            o.callDeadlineMs = _millis(deadline, "deadline", 86400)
         if keepalive is not None:
             o.keepAlive = 1 if keepalive else 0
-        if tls is not None:
+        if tls_options is not None:
+            tls_o = tls_options
             o.tls = 1
-            o.tlsNoVerify = 0 if tls.verify else 1
-            o.tlsNoHostnameCheck = 0 if tls.check_hostname else 1
-            o.tlsMinVersion = tls.min_version
-            o.tlsCaFile, o.tlsCertFile, o.tlsKeyFile = _opt(tls.ca_file), _opt(tls.cert_file), _opt(tls.key_file)
-            o.tlsCipherList, o.tlsServerName = _opt(tls.cipher_list), _opt(tls.server_name)
+            o.tlsNoVerify = 0 if tls_o.verify else 1
+            o.tlsNoHostnameCheck = 0 if tls_o.check_hostname else 1
+            o.tlsMinVersion = tls_o.min_version
+            o.tlsCaFile, o.tlsCertFile = _opt(tls_o.ca_file), _opt(tls_o.cert_file)
+            o.tlsKeyFile, o.tlsCipherList = _opt(tls_o.key_file), _opt(tls_o.cipher_list)
+            o.tlsServerName = _opt(tls_o.server_name)
         rc = library.KVL_EXT_openConnection(byref(o), byref(token))
     if rc != 0:
-        raise error_for(rc, detail=library.last_error_text())
+        raise error_for(rc, detail=library.last_error_text() if ext_asked else "")
     return Connection(token, library)
 
 

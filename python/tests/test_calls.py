@@ -2,6 +2,7 @@
 
 import socket
 import threading
+import time
 
 import pytest
 
@@ -119,7 +120,11 @@ def test_lost_connection_fails_calls_in_flight(kvl_emulator_factory):
 
         t = threading.Thread(target=sync_call)
         t.start()
-        assert emu.wait_for_log("program=DELAY", 2)
+        # Both requests written (the emulator logs a request when it answers it).
+        deadline = time.monotonic() + 10
+        while conn.statistics()["inFlight"] < 2 and time.monotonic() < deadline:
+            time.sleep(0.01)
+        assert conn.statistics()["inFlight"] == 2
         emu.kill()
         t.join(30)
         assert not t.is_alive()
