@@ -64,8 +64,10 @@ run_python() {
     return
   fi
   echo "=== Python package: pytest ==="
+  # The TLS tests take their certificates from the Linux test build's kvl_test_certs (skipped without it).
   KVLCLIENT_LIBRARY=$PWD/$dir/lib/libkvlclient.so KVLCLIENT_EMULATOR=$PWD/$dir/bin/kvl-gateway-emulator \
-    PYTHONDONTWRITEBYTECODE=1 timeout 900 /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests 2>&1 |
+    KVLCLIENT_TLS_CERT_TOOL=$PWD/build/linux-asan/bin/kvl_test_certs PYTHONDONTWRITEBYTECODE=1 \
+    timeout 900 /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests 2>&1 |
     tee "$log"
   local rc=${PIPESTATUS[0]} summary npass nfail
   summary=$(grep -E '^(=+ )?[0-9]+ (passed|failed|errors?)' "$log" | tail -n 1)

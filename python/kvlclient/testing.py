@@ -59,13 +59,15 @@ class Emulator:
         programs: (name, builtin) pairs: NAME behaves like a built-in program.
         handshake: accept (default), refuse, silent, drop-on-accept, ...
         extra_config: further configuration lines.
+        extra_args: further command-line options, e.g. ``["--tls-cert", CERT,
+            "--tls-key", KEY]`` to serve TLS.
         start_timeout: seconds to wait for the port.
     """
 
     def __init__(self, *, servers: Sequence[Tuple[str, str]] = (), secure_servers: Sequence[Tuple[str, str]] = (),
                  users: Iterable[Sequence[str]] = (), programs: Sequence[Tuple[str, str]] = (),
                  handshake: Optional[str] = None, extra_config: Sequence[str] = (), program: Optional[str] = None,
-                 start_timeout: float = 20.0) -> None:
+                 start_timeout: float = 20.0, extra_args: Sequence[str] = ()) -> None:
         lines: List[str] = []
         lines += [f"server {n} {d}" for n, d in servers]
         lines += [f"secure-server {n} {d}" for n, d in secure_servers]
@@ -77,6 +79,7 @@ class Emulator:
         self.config = "\n".join(lines) + "\n"
         self.program = program or find_emulator()
         self.start_timeout = start_timeout
+        self.extra_args = [str(a) for a in extra_args]
         self.host = "127.0.0.1"
         self.port = 0
         self._proc: Optional[subprocess.Popen] = None
@@ -92,7 +95,7 @@ class Emulator:
         self._log = open(self.log_path, "wb")
         self._proc = subprocess.Popen(
             [self.program, "-a", self.host, "-p", "0", "-c", str(folder / "emulator.conf"), "--port-file",
-             str(port_file), "-v", "1"], stdout=self._log, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
+             str(port_file), "-v", "1", *self.extra_args], stdout=self._log, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL)
         deadline = time.monotonic() + self.start_timeout
         while time.monotonic() < deadline:
             if self._proc.poll() is not None:
