@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# kvl.exe under Wine: one call, its JSON reply and its exit code, against the
+# kvl.exe under Wine: one call, its JSON reply and its exit code, a deadline, against the
 # emulator (also under Wine). Usage: wine_call.sh WINE EMULATOR.exe KVL.exe
 set -uo pipefail
 wine=$1 emulator=$2 kvl=$3
@@ -20,4 +20,8 @@ echo "$out"
 timeout 120 "$wine" "$kvl" --port "$port" call ABEND AB12 >/dev/null 2>&1
 rc=$?
 [[ $rc -eq 1 ]] || { echo "abend gave exit $rc, expected 1"; exit 1; }
-echo "kvl.exe under Wine: call and exit codes as expected"
+err=$(timeout 120 "$wine" "$kvl" --port "$port" --deadline 0.2 call DELAY 3000 2>&1 >/dev/null | tr -d '\r')
+rc=$?
+[[ $rc -eq 1 && "$err" == *"ECI_ERR_RESPONSE_TIMEOUT (-6): no reply within 200 ms"* ]] ||
+  { echo "deadline gave exit $rc: $err"; exit 1; }
+echo "kvl.exe under Wine: call, deadline and exit codes as expected"
