@@ -9,9 +9,6 @@
 #include "impl/clapi_tracestate.h"
 #include "platform/platform.h"
 
-#ifndef KVL_BUILD_LEVEL
-#define KVL_BUILD_LEVEL "KVL9104-LOCAL"
-#endif
 
 std::atomic<int> clapiTraceLevel{0};
 clapiTraceState clapiTrace{};
