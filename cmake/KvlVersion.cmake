@@ -25,6 +25,7 @@ set(KVL_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/templates/clapi_version.h.in ${KVL_GENERATED_DIR}/impl/clapi_version.h @ONLY)
 target_include_directories(kvl_platform PUBLIC ${KVL_GENERATED_DIR})
 target_include_directories(kvlclient_internal PUBLIC ${KVL_GENERATED_DIR})
+target_include_directories(kvlclient PRIVATE ${KVL_GENERATED_DIR})
 
 if(WIN32)
   # File and product version, description: what Explorer and installers show.
