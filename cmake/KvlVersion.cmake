@@ -23,6 +23,7 @@ set(KVL_BUILD_LEVEL "KVL${KVL_VERSION_DIGITS}-${KVL_BUILD_STAMP}")
 
 set(KVL_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/templates/clapi_version.h.in ${KVL_GENERATED_DIR}/impl/clapi_version.h @ONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/templates/clapi_buildlevel.h.in ${KVL_GENERATED_DIR}/impl/clapi_buildlevel.h @ONLY)
 target_include_directories(kvl_platform PUBLIC ${KVL_GENERATED_DIR})
 target_include_directories(kvlclient_internal PUBLIC ${KVL_GENERATED_DIR})
 target_include_directories(kvlclient PRIVATE ${KVL_GENERATED_DIR})

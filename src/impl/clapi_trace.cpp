@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "impl/clapi_buildlevel.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_tracestate.h"
 #include "platform/platform.h"
