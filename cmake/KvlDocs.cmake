@@ -28,3 +28,9 @@ add_custom_command(
 add_custom_target(docs ALL DEPENDS ${KVL_DOCS_DIR}/html/index.html)
 install(DIRECTORY ${KVL_DOCS_DIR}/html/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/reference COMPONENT documentation
         OPTIONAL)
+
+if(KVL_BUILD_TESTS)
+  add_test(NAME docs_reference_complete
+           COMMAND ${CMAKE_COMMAND} -DLOG=${KVL_DOXYGEN_WARNINGS} -DINDEX=${KVL_DOCS_DIR}/html/index.html
+                   -P ${PROJECT_SOURCE_DIR}/tests/package/docs_complete.cmake)
+endif()

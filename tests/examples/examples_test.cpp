@@ -49,7 +49,7 @@ TEST_P(ExamplesTest, RunsAndPrintsWhatTheGuideShows) {
 }
 
 const ExampleCase kCases[] = {
-    {"kvl_versions_example", nullptr, {"kvlclient DLL version 9.1.0.4, API version 2.3.0.0", "rc -102 = KVL_ERR_LOSTGWCON"}},
+    {"kvl_versions_example", nullptr, {"kvlclient DLL version 9.1.0.4, API version 2.3.0.0", "rc   -102 = KVL_ERR_LOSTGWCON"}},
     {"kvl_connection_example", "", {"connected with applid \"DEMOAPP\", qualifier \"DEMOQUAL\"", "close: rc=0 (KVL_OK), token now NULL"}},
     {"kvl_eci_example", "",
      {"reply: \"Hello from the ECI example\"", "ECI_GET_REPLY_WAIT: rc=0 (KVL_OK)", "LUW token 4097",

@@ -1,3 +1,4 @@
+cmake_policy(VERSION 3.20)
 # Compares the functions declared KVL_API in the public headers with what the
 # library exports: the .def written by the linker (Windows) or the dynamic
 # symbol table (Linux). A function missing on either side fails.

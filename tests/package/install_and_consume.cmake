@@ -2,6 +2,7 @@
 # builds and runs tests/package/consumer against it twice: through
 # find_package(kvlclient CONFIG) and through pkg-config. On Windows the
 # consumer links the import library and runs under Wine.
+cmake_policy(VERSION 3.20)
 set(prefix "${WORK_DIR}/prefix")
 file(REMOVE_RECURSE "${WORK_DIR}")
 file(MAKE_DIRECTORY "${WORK_DIR}")
@@ -46,11 +47,10 @@ if(WIN32)
     message(FATAL_ERROR "KVLCLIENT.dll.debug holds no .debug_info")
   endif()
   # Version resource: the strings are UTF-16.
-  file(STRINGS "${prefix}/bin/KVLCLIENT.dll" resource ENCODING UTF-16LE)
-  foreach(expected "FileVersion" "ProductVersion" "FileDescription" "${VERSION}")
-    list(FIND resource "${expected}" found)
-    if(found EQUAL -1)
-      message(FATAL_ERROR "version resource of KVLCLIENT.dll lacks \"${expected}\"")
+  foreach(expected "^FileVersion$" "^ProductVersion$" "^FileDescription$" "^${VERSION}$" "^KVLCLIENT.dll$")
+    file(STRINGS "${prefix}/bin/KVLCLIENT.dll" found ENCODING UTF-16LE REGEX "${expected}")
+    if(NOT found)
+      message(FATAL_ERROR "version resource of KVLCLIENT.dll lacks ${expected}")
     endif()
   endforeach()
   set(exe ".exe")
