@@ -126,7 +126,7 @@ KVL_API int KVL_dumpState(void) {
     CLAPI_TRACE(ENTRY, 1046, "API.KVL_dumpState()\n");
     clapiTraceOutputBegin();
     clapiTraceOutputPrintf("kvlclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
-                           "9.1.0.4", clapiTraceLevel.load(), clapiTraceFileName());
+                           KVL_DLL_VERSION, clapiTraceLevel.load(), clapiTraceFileName());
     clapiTraceOutputEnd();
     clapiDumpGatewayTokens();
     KVL_ECI_dumpChannels();
