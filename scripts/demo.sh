@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Builds the library and runs the demo: the example programs against the bundled
-# Gateway emulator, started on a free loopback port and stopped at the end.
+# Builds what the demo needs (the library, the emulator and the examples; no
+# tests, so no test framework) and runs the example programs against the
+# bundled Gateway emulator, started on a free loopback port and stopped at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/ensure-packages.sh --tests
-cmake --preset linux >/dev/null
-cmake --build --preset linux -j "$(nproc)"
+scripts/ensure-packages.sh
+cmake --preset demo >/dev/null
+cmake --build --preset demo -j "$(nproc)"
 
-bin=build/linux/bin
+bin=build/demo/bin
 workdir=$(mktemp -d)
 emulator_pid=
 cleanup() {
@@ -43,6 +44,16 @@ done
 
 echo; echo "=== password verification and the list of servers"
 "$bin/kvl_security_example" 127.0.0.1 "$port" DEMOUSER SECRET1 2>&1
+
+echo; echo "=== the kvl command: a call, the servers, a ping"
+"$bin/kvl" --host 127.0.0.1 --port "$port" call ECHO "hello from kvl"
+"$bin/kvl" --host 127.0.0.1 --port "$port" systems
+"$bin/kvl" --host 127.0.0.1 --port "$port" ping
+
+if [[ -x "$bin/kvl_ext_poll_example" ]]; then
+  echo; echo "=== extensions: a deadline and replies collected from a poll() loop"
+  "$bin/kvl_ext_poll_example" 127.0.0.1 "$port" 2>&1
+fi
 
 echo; echo "=== what the emulator saw"
 cat "$workdir/emulator.log"

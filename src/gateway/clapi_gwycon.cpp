@@ -21,10 +21,10 @@ int connectSocket(kvlGatewayToken* token, platformSocket s, const platformAddres
                   int32_t port) {
     if (platformSetKeepAliveNoDelay(s) != 0) {
         CLAPI_TRACE(EXC, 3003, "clapi_gwycon.clapiConnectToGateway() Set socket to KeepAlive or NoDelay failed: %lu\n",
-                    (unsigned long)s);
+                    clapiLu(s));
         return KVL_ERR_CONNECTFAILED;
     }
-    CLAPI_TRACE(DEBUG, 3004, "clapi_gwycon.clapiConnectToGateway() Created socket: %lu\n", (unsigned long)s);
+    CLAPI_TRACE(DEBUG, 3004, "clapi_gwycon.clapiConnectToGateway() Created socket: %lu\n", clapiLu(s));
     if (token->connTimeout != 0) platformSetNonBlocking(s, true);
 
     int rc = 0;
@@ -166,17 +166,17 @@ int waitForConnection(platformSocket* socketDescriptorPtr, int* sockError, int32
     CLAPI_TRACE(ENTRY, 3025, "clapi_gwycon.waitForConnection(socketDescriptorPtr=%p, sockError=%p, connTimeout=%d)\n",
                 static_cast<void*>(socketDescriptorPtr), static_cast<void*>(sockError), (int)connTimeout);
     platformSocket s = *socketDescriptorPtr;
-    CLAPI_TRACE(DEBUG, 3026, "clapi_gwycon.waitForConnection() Calling select() on socketdescriptor %lu\n", (unsigned long)s);
+    CLAPI_TRACE(DEBUG, 3026, "clapi_gwycon.waitForConnection() Calling select() on socketdescriptor %lu\n", clapiLu(s));
     int rc = 0;
     int result = platformWaitConnect(s, connTimeout, sockError);
     char text[kErrorTextSize];
     if (result == -2) {
         platformSocketErrorText(*sockError, text, sizeof text);
         CLAPI_TRACE(EXC, 3027, "clapi_gwycon.waitForConnection() socket %lu connect() failed error: %s (%d)\n",
-                    (unsigned long)s, text, *sockError);
+                    clapiLu(s), text, *sockError);
         rc = KVL_ERR_CONNECTFAILED;
     } else if (result == 0) {
-        CLAPI_TRACE(EXC, 3028, "clapi_gwycon.waitForConnection() socket %lu connect timed out\n", (unsigned long)s);
+        CLAPI_TRACE(EXC, 3028, "clapi_gwycon.waitForConnection() socket %lu connect timed out\n", clapiLu(s));
         rc = KVL_ERR_CONNECTTIMEOUT;
     } else if (result < 0) {
         platformSocketErrorText(*sockError, text, sizeof text);
@@ -188,7 +188,7 @@ int waitForConnection(platformSocket* socketDescriptorPtr, int* sockError, int32
 }
 
 int closeSocket(platformSocket socket) {
-    CLAPI_TRACE(ENTRY, 3016, "clapi_gwycon.closeSocket(socket=%lu)\n", (unsigned long)socket);
+    CLAPI_TRACE(ENTRY, 3016, "clapi_gwycon.closeSocket(socket=%lu)\n", clapiLu(socket));
     platformCloseSocket(socket);
     CLAPI_TRACE(EXIT, 3019, "clapi_gwycon.closeSocket() rc=%d\n", 0);
     return 0;

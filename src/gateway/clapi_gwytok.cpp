@@ -111,7 +111,7 @@ int openClientSocket(kvlGatewayToken* gwTok, const char* host, int32_t port, con
     int rc = clapiConnectToGateway(port, host, gwTok, applid, applidQualifier);
     if (rc == 0) {
         CLAPI_TRACE(EVENT, 2012, "clapi_gwytok.openClientSocket() Connected to Gateway %s:%u - socketDescriptor(%lu)\n",
-                    host, (unsigned)port, (unsigned long)gwTok->socket.load());
+                    host, (unsigned)port, clapiLu(gwTok->socket.load()));
     } else {
         CLAPI_TRACE(EXC, 2013, "clapi_gwytok.openClientSocket() Failed to connect to Gateway %s:%u\n", host, (unsigned)port);
     }

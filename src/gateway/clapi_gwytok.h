@@ -24,7 +24,7 @@ enum connStatusValue : int32_t {
 };
 
 // The record behind the application's opaque gwTok. Fields are in the order of
-// the design; the last five are this implementation's own.
+// the design; the last six are this implementation's own.
 struct kvlGatewayToken {
     char eyecatcher[8];     // "KVLGWTOK", no terminator
     kvlGatewayToken* next;  // GTL link (GTL lock)
@@ -55,6 +55,7 @@ struct kvlGatewayToken {
     std::atomic<int32_t> stopReceiver;  // 1: the receiver thread is to end at its next wait
     int32_t opening;          // 1 until clapiCreateGatewayToken hands the token out (GTL lock)
     int32_t deleting;         // a delete of this token is under way (GTL lock)
+    uint64_t closeAllPass;    // the latest close-all walk that visited it (GTL lock)
     clapiExtConn ext;         // deadline, completion signal and statistics of the extension API
 };
 
