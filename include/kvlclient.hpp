@@ -53,6 +53,7 @@
 #include "kvl_ext.h"
 #include "kvlclient.h"
 
+/** 1 (the default): use the extension functions of kvl_ext.h; 0: the base library only. */
 #ifndef KVLCLIENT_HPP_WITH_EXT
 #define KVLCLIENT_HPP_WITH_EXT 1
 #endif
@@ -77,12 +78,18 @@ namespace kvl {
 /** Bytes of a COMMAREA or a container. */
 using Bytes = std::vector<unsigned char>;
 
-/** The bytes of a text, unchanged (no code page conversion). */
+/** The bytes of a text, unchanged (no code page conversion).
+ * @param text the text
+ * @return its bytes */
 inline Bytes to_bytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
-/** The bytes as a text, unchanged. */
+/** The bytes as a text, unchanged.
+ * @param bytes the bytes
+ * @return the same bytes as a std::string */
 inline std::string to_string(std::span<const unsigned char> bytes) { return std::string(bytes.begin(), bytes.end()); }
 
-/** The name of any return code: "ECI_ERR_TRANSACTION_ABEND" for -7, and so on. */
+/** The name of any return code: "ECI_ERR_TRANSACTION_ABEND" for -7, and so on.
+ * @param rc a return code of the library, its extensions or this interface
+ * @return its name, or "UNKNOWN" */
 inline std::string rc_name(int rc) {
     if (rc == KVL_CPP_ERR_BADFIELD) return "KVL_CPP_ERR_BADFIELD";
 #if KVLCLIENT_HPP_WITH_EXT
@@ -97,17 +104,23 @@ inline std::string rc_name(int rc) {
 /** The error category of the library's return codes; message() is the code's name. */
 class ErrorCategory final : public std::error_category {
 public:
+    /** @return "kvlclient" */
     const char* name() const noexcept override { return "kvlclient"; }
+    /** @param rc a return code
+     * @return the code's name */
     std::string message(int rc) const override { return rc_name(rc); }
 };
 
-/** The one instance of ErrorCategory. */
+/** The one instance of ErrorCategory.
+ * @return the category of every kvl error code */
 inline const std::error_category& category() noexcept {
     static const ErrorCategory instance;
     return instance;
 }
 
-/** A return code as a std::error_code (0 is no error). */
+/** A return code as a std::error_code (0 is no error).
+ * @param rc a return code
+ * @return the code in kvl::category() */
 inline std::error_code make_error_code(int rc) noexcept { return {rc, category()}; }
 
 /** A failure of the library: the return code, its name, the abend code of a
@@ -115,20 +128,24 @@ inline std::error_code make_error_code(int rc) noexcept { return {rc, category()
  * extension functions are in use. what() reads "NAME (rc)" and then the details. */
 class Error : public std::system_error {
 public:
+    /** An error for a return code.
+     * @param rc the library's return code
+     * @param detail what else is known (the library's reason, the refused field)
+     * @param abend the program's abend code, if any */
     explicit Error(int rc, std::string detail = {}, std::string abend = {})
         : std::system_error(make_error_code(rc)), rc_(rc), name_(rc_name(rc)), text_(describe(rc, detail, abend)),
           detail_(std::move(detail)), abend_(std::move(abend)) {}
 
-    /** "NAME (rc)", the abend code and the details. */
+    /** @return "NAME (rc)", the abend code and the details */
     const char* what() const noexcept override { return text_.c_str(); }
 
-    /** The library's return code. */
+    /** @return the library's return code */
     int rc() const noexcept { return rc_; }
-    /** Its name, e.g. "KVL_ERR_CONNECTFAILED". */
+    /** @return the code's name, e.g. "KVL_ERR_CONNECTFAILED" */
     const std::string& name() const noexcept { return name_; }
-    /** What else is known: the reason the library gave, or the field the wrapper refused. */
+    /** @return what else is known: the reason the library gave, or the field the wrapper refused */
     const std::string& detail() const noexcept { return detail_; }
-    /** The abend code of the program (4 characters, blanks removed), or empty. */
+    /** @return the abend code of the program (4 characters, blanks removed), or empty */
     const std::string& abend() const noexcept { return abend_; }
 
 private:
@@ -145,6 +162,7 @@ private:
     std::string abend_;
 };
 
+/// @cond INTERNAL
 namespace detail {
 
 /** The library's explanation of the calling thread's last failure, when available. */
@@ -210,6 +228,7 @@ inline void check_name(std::string_view name, const char* what) {
 }
 
 }  // namespace detail
+/// @endcond
 
 /** How a program is called. Every field is optional; names are blank-padded and
  * refused when too long. */
@@ -227,7 +246,7 @@ struct CallOptions {
 struct Reply {
     Bytes data;         /**< the COMMAREA as it came back (reply_length bytes, or the whole COMMAREA) */
     std::string abend;  /**< abend code, blanks removed; empty when the program ended normally */
-    /** The reply as text (bytes unchanged), without trailing zero bytes. */
+    /** @return the reply as text (bytes unchanged), without trailing zero bytes */
     std::string text() const {
         std::string s = to_string(data);
         while (!s.empty() && s.back() == '\0') s.pop_back();
@@ -240,7 +259,9 @@ enum class ContainerType { bit = ECI_BIT, character = ECI_CHAR };
 
 /** What a channel holds about one container. */
 struct ContainerInfo {
+    /** the container's name */
     std::string name;
+    /** BIT or CHAR */
     ContainerType type = ContainerType::bit;
     int ccsid = 0;              /**< 0 for BIT containers */
     std::uint64_t size = 0;     /**< data length in bytes */
@@ -251,18 +272,29 @@ struct ContainerInfo {
  * Text containers keep their bytes as given: the CCSID says what they are in. */
 class Channel {
 public:
-    /** Creates an empty channel; name: 1 to 16 of the allowed characters. */
+    /** Creates an empty channel.
+     * @param name 1 to 16 of the allowed characters */
     explicit Channel(std::string_view name) {
         detail::check_name(name, "channel name");
         std::string n(name);
         detail::check(ECI_createChannel(n.c_str(), &tok_));
     }
+    /** A new channel with copies of every container of `other`.
+     * @param other the channel copied */
     Channel(const Channel& other) : Channel(other.name()) { copy_containers(other); }
+    /** Takes the handle over; `other` is left without one.
+     * @param other the channel moved from */
     Channel(Channel&& other) noexcept : tok_(std::exchange(other.tok_, nullptr)) {}
+    /** Replaces this channel by a deep copy of `other`.
+     * @param other the channel copied
+     * @return this channel */
     Channel& operator=(const Channel& other) {
         if (this != &other) *this = Channel(other);
         return *this;
     }
+    /** Deletes this channel and takes the handle of `other` over.
+     * @param other the channel moved from
+     * @return this channel */
     Channel& operator=(Channel&& other) noexcept {
         if (this != &other) {
             release();
@@ -272,23 +304,30 @@ public:
     }
     ~Channel() { release(); }
 
-    /** The channel's name (a reply may rename it). */
+    /** @return the channel's name (a reply may rename it) */
     std::string name() const {
         char buffer[ECI_CHANNEL_NAME_LENGTH + 1] = {};
         detail::check(ECI_getChannelName(handle(), buffer));
         return buffer;
     }
 
-    /** Sets a BIT container, creating it or replacing its data. */
+    /** Sets a BIT container, creating it or replacing its data.
+     * @param container the container's name
+     * @param data its bytes */
     void set_bytes(std::string_view container, std::span<const unsigned char> data) {
         put(container, ContainerType::bit, 0, data.data(), data.size());
     }
-    /** Sets a CHAR container whose bytes are in `ccsid` (0: the channel's, or the process's). */
+    /** Sets a CHAR container whose bytes are in `ccsid`.
+     * @param container the container's name
+     * @param text its bytes, as given
+     * @param ccsid the code page of the bytes (0: the channel's, or the process's) */
     void set_text(std::string_view container, std::string_view text, int ccsid = 0) {
         put(container, ContainerType::character, ccsid, text.data(), text.size());
     }
 
-    /** A container's bytes; throws ECI_ERR_CONTAINER_NOTFOUND when there is none. */
+    /** A container's bytes; throws ECI_ERR_CONTAINER_NOTFOUND when there is none.
+     * @param container the container's name
+     * @return its data */
     Bytes bytes(std::string_view container) const {
         ContainerInfo info = this->info(container);
         std::string n(container);
@@ -298,10 +337,14 @@ public:
         data.resize(read);
         return data;
     }
-    /** A container's bytes as a text (unchanged). */
+    /** A container's bytes as a text (unchanged).
+     * @param container the container's name
+     * @return its data */
     std::string text(std::string_view container) const { return to_string(bytes(container)); }
 
-    /** Facts about one container; throws when there is none. */
+    /** Facts about one container; throws when there is none.
+     * @param container the container's name
+     * @return its name, type, CCSID and size */
     ContainerInfo info(std::string_view container) const {
         detail::check_name(container, "container name");
         std::string n(container);
@@ -309,7 +352,8 @@ public:
         detail::check(ECI_getContainerInfo(handle(), n.c_str(), &raw));
         return convert(raw);
     }
-    /** True when the channel has the container. */
+    /** @param container a container's name
+     * @return true when the channel has the container */
     bool contains(std::string_view container) const {
         detail::check_name(container, "container name");
         std::string n(container);
@@ -319,14 +363,15 @@ public:
         detail::check(rc);
         return true;
     }
-    /** Deletes a container; throws when there is none. */
+    /** Deletes a container; throws when there is none.
+     * @param container the container's name */
     void erase(std::string_view container) {
         detail::check_name(container, "container name");
         std::string n(container);
         detail::check(ECI_deleteContainer(handle(), n.c_str()));
     }
 
-    /** Every container, oldest first. */
+    /** @return every container, oldest first */
     std::vector<ContainerInfo> containers() const {
         std::vector<ContainerInfo> list;
         EciContainerInfo raw{};
@@ -339,7 +384,8 @@ public:
         std::reverse(list.begin(), list.end());  // the library browses newest first
         return list;
     }
-    /** The C handle, for the C functions; the Channel keeps owning it. */
+    /** The C handle, for the C functions; the Channel keeps owning it.
+     * @return the channel's token */
     chanTok handle() const {
         if (!tok_) detail::fail(ECI_ERR_INVALID_CHANNEL, "moved-from channel");
         return tok_;
@@ -386,16 +432,22 @@ private:
 
 /** One server known to the Gateway. */
 struct System {
+    /** the server's name */
     std::string name;
+    /** what the Gateway says about it */
     std::string description;
 };
 
 /** What a successful password verification or change reports; a time the Gateway
  * did not set is empty. */
 struct SecurityDetails {
+    /** when the password was last verified */
     std::optional<std::tm> last_verified;
+    /** when it expires */
     std::optional<std::tm> expiry;
+    /** when the user last signed on */
     std::optional<std::tm> last_access;
+    /** failed attempts since the last good one */
     int invalid_attempts = 0;
 };
 
@@ -425,6 +477,7 @@ struct ConnectOptions {
     std::chrono::seconds keep_alive_idle{0};        /**< idle time before the first probe; 0: the system's */
     std::chrono::seconds keep_alive_interval{0};    /**< time between probes; 0: the system's */
     int keep_alive_count = 0;                       /**< probes before the connection is dropped; 0: the system's */
+    /** TLS; off unless tls.enabled */
     TlsOptions tls;
 };
 
@@ -434,17 +487,22 @@ struct Statistics {
     std::array<std::uint64_t, KVL_EXT_KIND_COUNT> sent{};       /**< requests written, by kind */
     std::array<std::uint64_t, KVL_EXT_KIND_COUNT> completed{};  /**< requests answered, by kind */
     std::array<std::uint64_t, KVL_EXT_FAIL_COUNT> failures{};   /**< failed requests, by class */
+    /** bytes written to the socket */
     std::uint64_t bytes_out = 0;
+    /** bytes read from the socket */
     std::uint64_t bytes_in = 0;
     std::uint32_t in_flight = 0;      /**< requests unanswered now */
     std::uint32_t in_flight_max = 0;  /**< the most at once */
-    std::chrono::microseconds latency_p50{0}, latency_p90{0}, latency_p99{0}, latency_max{0};
+    std::chrono::microseconds latency_p50{0};  /**< call latency: half the calls took at most this */
+    std::chrono::microseconds latency_p90{0};  /**< nine in ten took at most this */
+    std::chrono::microseconds latency_p99{0};  /**< 99 in 100 took at most this */
+    std::chrono::microseconds latency_max{0};  /**< the slowest call */
 
-    /** Requests sent, of every kind. */
+    /** @return requests sent, of every kind */
     std::uint64_t total_sent() const noexcept { return sum(sent); }
-    /** Requests answered, of every kind. */
+    /** @return requests answered, of every kind */
     std::uint64_t total_completed() const noexcept { return sum(completed); }
-    /** Failed requests, of every class. */
+    /** @return failed requests, of every class */
     std::uint64_t total_failures() const noexcept { return sum(failures); }
 
 private:
@@ -468,6 +526,8 @@ struct ConnectionState;
  * Connection, not the connection's end. */
 class Unit {
 public:
+    /** Takes the unit over; `other` is left ended.
+     * @param other the unit moved from */
     Unit(Unit&& other) noexcept
         : conn_(std::exchange(other.conn_, nullptr)), token_(other.token_), ended_(other.ended_),
           rolled_back_(other.rolled_back_), options_(std::move(other.options_)) {}
@@ -483,22 +543,34 @@ public:
     }
 
     /** Calls a program inside the unit. A failing program ends the unit on the server
-     * (it is backed out): the unit is then closed and later calls throw. */
+     * (it is backed out): the unit is then closed and later calls throw.
+     * @param program the program's name (1 to 8 characters)
+     * @param commarea the bytes sent
+     * @param options server, transaction, user and lengths; the unit's own fill what is empty
+     * @return the reply */
     inline Reply call(std::string_view program, std::span<const unsigned char> commarea, CallOptions options = {});
+    /** The same with a text's bytes as COMMAREA.
+     * @param program the program's name
+     * @param commarea the text sent, its bytes unchanged
+     * @param options as for the other form
+     * @return the reply */
     inline Reply call(std::string_view program, std::string_view commarea, CallOptions options = {}) {
         Bytes data = to_bytes(commarea);
         return call(program, data, std::move(options));
     }
-    /** Calls a program with a channel inside the unit. */
+    /** Calls a program with a channel inside the unit; the reply's containers are applied to it.
+     * @param program the program's name
+     * @param channel the channel sent and updated
+     * @param options as for a COMMAREA call */
     inline void call(std::string_view program, Channel& channel, CallOptions options = {});
 
     /** Makes the work permanent. Throws ECI_ERR_ROLLEDBACK when the server already backed it out. */
     void commit() { end(ECI_COMMIT); }
     /** Undoes the work. */
     void backout() { end(ECI_BACKOUT); }
-    /** True until commit(), backout() or a failure that ended it. */
+    /** @return true until commit(), backout() or a failure that ended the unit */
     bool open() const noexcept { return conn_ != nullptr && !ended_; }
-    /** The server's token of the unit; 0 before the first call. */
+    /** @return the server's token of the unit; 0 before the first call */
     int token() const noexcept { return token_; }
 
 private:
@@ -514,6 +586,7 @@ private:
     CallOptions options_;
 };
 
+/// @cond INTERNAL
 namespace detail {
 
 /** What an asynchronous call leaves behind until its reply is collected. */
@@ -671,14 +744,19 @@ inline Reply make_reply(const EciParms& parms, const unsigned char* data, std::s
 }
 
 }  // namespace detail
+/// @endcond
 
 /** An open connection to a Gateway. Opens in its constructor and closes in its
  * destructor; move-only. The destructor does not wait for asynchronous calls in
  * flight: it purges the connection, and their futures complete with an Error. */
 class Connection {
 public:
-    /** Opens a connection; connect_timeout in seconds (0: not bounded), applid and
-     * qualifier at most 8 characters. Throws Error on failure. */
+    /** Opens a connection; throws Error on failure.
+     * @param host the Gateway's name or address
+     * @param port its port, 1..65535
+     * @param connect_timeout seconds the open may take (0: not bounded)
+     * @param applid at most 8 characters
+     * @param qualifier the applid qualifier, at most 8 characters */
     Connection(const std::string& host, int port, int connect_timeout = 0, const std::string& applid = {},
                const std::string& qualifier = {})
         : state_(std::make_unique<detail::ConnectionState>()) {
@@ -689,7 +767,8 @@ public:
 #if KVLCLIENT_HPP_WITH_EXT
     /** Opens a connection with options: time-outs in ms, a deadline, keep-alive, TLS.
      * Throws Error with the library's reason in detail() (every address tried, the
-     * TLS failure, ...). A field that does not fit gives KVL_EXT_ERR_BADOPTIONS. */
+     * TLS failure, ...). A field that does not fit gives KVL_EXT_ERR_BADOPTIONS.
+     * @param options where and how to connect */
     explicit Connection(const ConnectOptions& options) : state_(std::make_unique<detail::ConnectionState>()) {
         KVL_EXT_ConnectOptions o;
         KVL_EXT_initConnectOptions(&o);
@@ -727,14 +806,20 @@ public:
         detail::check_with_text(KVL_EXT_openConnection(&o, &state_->token));
     }
 
-    /** Opens a connection from the C options record of kvl_ext.h. */
+    /** Opens a connection from the C options record of kvl_ext.h.
+     * @param options the record, filled by KVL_EXT_initConnectOptions and then set */
     explicit Connection(const KVL_EXT_ConnectOptions& options)
         : state_(std::make_unique<detail::ConnectionState>()) {
         detail::check_with_text(KVL_EXT_openConnection(&options, &state_->token));
     }
 #endif
 
-    /** Opens a connection without throwing: empty with `ec` set on failure. */
+    /** Opens a connection without throwing.
+     * @param host the Gateway's name or address
+     * @param port its port
+     * @param ec set to the failure's code, cleared on success
+     * @param connect_timeout seconds the open may take (0: not bounded)
+     * @return the connection, or empty on failure */
     static std::optional<Connection> open(const std::string& host, int port, std::error_code& ec,
                                           int connect_timeout = 0) {
         try {
@@ -746,7 +831,11 @@ public:
         }
     }
 
+    /** Takes the connection over; the source is left closed. */
     Connection(Connection&&) noexcept = default;
+    /** Ends this connection (as the destructor does) and takes `other` over.
+     * @param other the connection moved from
+     * @return this connection */
     Connection& operator=(Connection&& other) noexcept {
         if (this != &other) {
             end_quietly();
@@ -762,8 +851,9 @@ public:
     void close() {
         end([](gwTok* tok, int) { return KVL_closeGatewayConnection(tok); }, detail::ConnectionState::Order::drain);
     }
-    /** Ends the connection after waiting at most `wait_seconds` (0..3600) for work in flight;
-     * asynchronous calls still unanswered then complete with an Error. */
+    /** Ends the connection after waiting at most `wait_seconds` for work in flight;
+     * asynchronous calls still unanswered then complete with an Error.
+     * @param wait_seconds 0 (not at all) to 3600 */
     void purge(int wait_seconds = 0) {
         if (wait_seconds < 0 || wait_seconds > 3600) detail::fail(KVL_ERR_INVALIDTIMEOUTPARM, "0 to 3600 seconds");
         if (wait_seconds == 0) {
@@ -774,32 +864,36 @@ public:
         end([](gwTok* tok, int left) { return KVL_purgeGatewayConnection(tok, left); },
             detail::ConnectionState::Order::drain, std::chrono::steady_clock::now() + std::chrono::seconds(wait_seconds));
     }
-    /** True until close(), purge() or a move. */
+    /** @return true until close(), purge() or a move */
     bool is_open() const noexcept { return state_ && state_->token; }
-    /** The C handle, for the C functions; the Connection keeps owning it. */
+    /** The C handle, for the C functions; the Connection keeps owning it.
+     * @return the connection's token; throws KVL_ERR_NULLGWTOK when closed */
     gwTok handle() const {
         if (!is_open()) detail::fail(KVL_ERR_NULLGWTOK, "connection is closed");
         return state_->token;
     }
 
 #if KVLCLIENT_HPP_WITH_EXT
-    /** The deadline of synchronous calls (ECI, channel, passwords, server list), 0 for
-     * none. A call whose deadline passes throws Error ECI_ERR_RESPONSE_TIMEOUT (-6)
-     * with the library's text ("no reply within N ms"); its work on the server is in
-     * doubt. Futures are not bounded by it: wait on them with wait_for. */
+    /** The deadline of synchronous calls (ECI, channel, passwords, server list).
+     * A call whose deadline passes throws Error ECI_ERR_RESPONSE_TIMEOUT (-6) with the
+     * library's text ("no reply within N ms"); its work on the server is in doubt.
+     * Futures are not bounded by it: wait on them with wait_for.
+     * @return the deadline; 0 for none */
     std::chrono::milliseconds deadline() const {
         int ms = 0;
         detail::check_with_text(KVL_EXT_getCallDeadline(handle(), &ms));
         return std::chrono::milliseconds(ms);
     }
-    /** Sets the deadline for calls that start after it (0: none; at most 24 hours). */
+    /** Sets the deadline for calls that start after it.
+     * @param deadline 0 (none) to 24 hours */
     void set_deadline(std::chrono::milliseconds deadline) {
         auto n = deadline.count();
         if (n < 0 || n > 86400000) detail::fail(KVL_EXT_ERR_BADDEADLINE, "deadline must be 0 to 86400000 ms");
         detail::check_with_text(KVL_EXT_setCallDeadline(handle(), static_cast<int>(n)));
     }
 
-    /** The connection's figures now, taken without stopping its traffic. */
+    /** The connection's figures now, taken without stopping its traffic.
+     * @return counters, bytes and latency quantiles since the open */
     Statistics statistics() const {
         KVL_EXT_Statistics raw{};
         raw.size = sizeof raw;
@@ -821,13 +915,13 @@ public:
     }
 #endif
 
-    /** The applid the connection was opened with. */
+    /** @return the applid the connection was opened with */
     std::string applid() const {
         char* text = nullptr;
         detail::check(KVL_getApplid(handle(), &text));
         return text ? text : "";
     }
-    /** The applid qualifier the connection was opened with. */
+    /** @return the applid qualifier the connection was opened with */
     std::string applid_qualifier() const {
         char* text = nullptr;
         detail::check(KVL_getApplidQualifier(handle(), &text));
@@ -835,15 +929,29 @@ public:
     }
 
     /** Calls a program with a COMMAREA and waits for its reply. Throws Error for every
-     * failure, with the abend code for ECI_ERR_TRANSACTION_ABEND. */
+     * failure, with the abend code for ECI_ERR_TRANSACTION_ABEND.
+     * @param program the program's name (1 to 8 characters)
+     * @param commarea the bytes sent (at most 32767)
+     * @param options server, transaction, user, lengths, the server's time-out
+     * @return the reply */
     Reply call(std::string_view program, std::span<const unsigned char> commarea, const CallOptions& options = {}) {
         return call_in(handle(), program, commarea, options, ECI_NO_EXTEND, 0, nullptr);
     }
+    /** The same with a text's bytes as COMMAREA.
+     * @param program the program's name
+     * @param commarea the text sent, its bytes unchanged
+     * @param options as for the other form
+     * @return the reply */
     Reply call(std::string_view program, std::string_view commarea, const CallOptions& options = {}) {
         Bytes data = to_bytes(commarea);
         return call(program, data, options);
     }
-    /** The same without exceptions: `ec` holds the code (and the reply is empty) on failure. */
+    /** The same without exceptions.
+     * @param program the program's name
+     * @param commarea the bytes sent
+     * @param options as for the other form
+     * @param ec set to the failure's code, cleared on success
+     * @return the reply; empty on failure */
     Reply call(std::string_view program, std::span<const unsigned char> commarea, const CallOptions& options,
                std::error_code& ec) {
         try {
@@ -855,13 +963,20 @@ public:
         }
     }
 
-    /** Calls a program with a channel and waits; the reply's containers are applied to it. */
+    /** Calls a program with a channel and waits; the reply's containers are applied to it.
+     * @param program the program's name
+     * @param channel the channel sent and updated
+     * @param options as for a COMMAREA call */
     void call(std::string_view program, Channel& channel, const CallOptions& options = {}) {
         call_channel_in(handle(), program, channel, options, ECI_NO_EXTEND, 0, nullptr);
     }
 
     /** Starts a program call and returns at once; the future completes when the reply
-     * is collected, or with an Error (also when the connection ends first). */
+     * is collected, or with an Error (also when the connection ends first).
+     * @param program the program's name
+     * @param commarea the bytes sent
+     * @param options as for call()
+     * @return the reply to come */
     std::future<Reply> call_async(std::string_view program, std::span<const unsigned char> commarea,
                                   const CallOptions& options = {}) {
         auto promise = std::make_shared<std::promise<Reply>>();
@@ -874,6 +989,11 @@ public:
         });
         return future;
     }
+    /** The same with a text's bytes as COMMAREA.
+     * @param program the program's name
+     * @param commarea the text sent, its bytes unchanged
+     * @param options as for call()
+     * @return the reply to come */
     std::future<Reply> call_async(std::string_view program, std::string_view commarea,
                                   const CallOptions& options = {}) {
         Bytes data = to_bytes(commarea);
@@ -881,7 +1001,11 @@ public:
     }
     /** Starts a program call; `done` runs on the connection's collector thread with the
      * reply, or with the error (an Error) and an empty reply. `done` must not block long
-     * nor close the connection. Throws at once when the request cannot be sent. */
+     * nor close the connection. Throws at once when the request cannot be sent.
+     * @param program the program's name
+     * @param commarea the bytes sent
+     * @param options as for call()
+     * @param done called once with the outcome */
     void call_async(std::string_view program, std::span<const unsigned char> commarea, const CallOptions& options,
                     std::function<void(std::exception_ptr, Reply)> done) {
         EciParms parms{};
@@ -899,7 +1023,11 @@ public:
         send_async(parms, [&](EciParms& p) { return KVL_ECI_Execute(handle(), &p); }, std::move(complete));
     }
 
-    /** Starts a channel call; the future gives the channel back with the reply applied. */
+    /** Starts a channel call; the future gives the channel back with the reply applied.
+     * @param program the program's name
+     * @param channel the channel sent; it belongs to the call until the future completes
+     * @param options as for call()
+     * @return the channel, updated */
     std::future<Channel> call_async(std::string_view program, Channel channel, const CallOptions& options = {}) {
         auto promise = std::make_shared<std::promise<Channel>>();
         std::future<Channel> future = promise->get_future();
@@ -922,20 +1050,26 @@ public:
         return future;
     }
 
-    /** Asynchronous calls sent whose replies were not yet collected. */
+    /** @return asynchronous calls sent whose replies were not yet collected */
     std::size_t in_flight() const {
         if (!state_) return 0;
         std::lock_guard<std::mutex> lock(state_->mutex);
         return state_->pending_count;
     }
 
-    /** Starts a unit of work; `options` (server, user, ...) apply to its every call. */
+    /** Starts a unit of work.
+     * @param options server, user, ... applied to each of its calls
+     * @return the unit, open until commit() or backout() */
     Unit begin_unit(CallOptions options = {}) {
         handle();
         return Unit(*state_, std::move(options));
     }
 
-    /** Verifies a user's password; throws Error (ESI_ERR_...) when it is refused. */
+    /** Verifies a user's password; throws Error (ESI_ERR_...) when it is refused.
+     * @param user the user id
+     * @param password the password (never traced)
+     * @param server the server that checks it; empty: the Gateway's default
+     * @return what the server reports about the user */
     SecurityDetails verify_password(const std::string& user, const std::string& password,
                                     const std::string& server = {}) {
         esiDetails raw{};
@@ -944,7 +1078,12 @@ public:
                                              server.empty() ? nullptr : server.c_str(), &raw));
         return convert(raw);
     }
-    /** Changes a user's password; throws Error when it is refused. */
+    /** Changes a user's password; throws Error when it is refused.
+     * @param user the user id
+     * @param old_password the password now
+     * @param new_password the password wanted
+     * @param server the server that checks it; empty: the Gateway's default
+     * @return what the server reports about the user */
     SecurityDetails change_password(const std::string& user, const std::string& old_password,
                                     const std::string& new_password, const std::string& server = {}) {
         esiDetails raw{};
@@ -954,7 +1093,7 @@ public:
         return convert(raw);
     }
 
-    /** The servers the Gateway knows, however many. */
+    /** @return the servers the Gateway knows, however many */
     std::vector<System> systems() {
         std::vector<kvlSystemInfo> list(16);
         for (int attempt = 0; attempt < 4; ++attempt) {
@@ -1177,12 +1316,13 @@ inline void Unit::end(short mode) {
     detail::check_with_text(rc);
 }
 
-/** Versions of the library. */
+/** @return the API version of the library */
 inline std::string api_version() {
     char* text = nullptr;
     detail::check(KVL_getAPIVersion(&text));
     return text ? text : "";
 }
+/** @return the build version of the library */
 inline std::string dll_version() {
     char* text = nullptr;
     detail::check(KVL_getDLLVersion(&text));
@@ -1191,19 +1331,25 @@ inline std::string dll_version() {
 
 /** The API trace of the process. */
 namespace trace {
-/** Sets the level, 0 (off) to 5. */
+/** Sets the trace level.
+ * @param level 0 (off) to 5 */
 inline void set_level(int level) { detail::check(KVL_setAPITraceLevel(level)); }
+/** @return the trace level in force */
 inline int level() {
     int value = 0;
     detail::check(KVL_getAPITraceLevel(&value));
     return value;
 }
-/** Appends the trace to a file; an empty name returns it to standard error. */
+/** Appends the trace to a file.
+ * @param path the file; empty returns the trace to standard error */
 inline void set_file(const std::string& path) {
     detail::check(KVL_setAPITraceFile(path.empty() ? nullptr : path.c_str()));
 }
-/** How many bytes of each data area are dumped, and from which offset. */
+/** Bounds the bytes of each data area that are dumped.
+ * @param length bytes shown */
 inline void set_data_length(int length) { KVL_setAPITraceDataLength(length); }
+/** Sets where in each data area the dump starts.
+ * @param offset bytes skipped */
 inline void set_data_offset(int offset) { KVL_setAPITraceDataOffset(offset); }
 /** Writes the library's state to the trace, whatever the level. */
 inline void dump_state() { detail::check(KVL_dumpState()); }
