@@ -80,7 +80,7 @@ class ReplyDispatcher:
         self._cond = threading.Condition()
         self._pending: Dict[int, "deque[_Pending]"] = {}
         self._count = 0
-        self._collect = threading.Lock()
+        self._collect = threading.RLock()  # re-entered when a callback ends the connection
         self._thread: Optional[threading.Thread] = None
         self._stopping = False
         self._stop_now = False
@@ -173,6 +173,9 @@ class ReplyDispatcher:
     def _take_queued(self, buffer: ctypes.Array) -> None:
         """Collects every reply queued now, without waiting (called holding ``_collect``)."""
         while True:
+            with self._cond:
+                if self._stop_now:
+                    return  # a callback ended the connection
             rc, parms, data = self._retrieve(c.ECI_GET_REPLY, buffer)
             if parms is None:
                 if rc != c.ECI_ERR_NO_REPLY:
@@ -183,9 +186,11 @@ class ReplyDispatcher:
     def drain(self) -> None:
         """Collects every reply queued now, without waiting (for an event loop)."""
         if not self._collect.acquire(blocking=False):
-            return  # the reply thread is collecting
+            return  # the reply thread is collecting, or the connection is ending
         try:
-            if self.pending:
+            with self._cond:
+                wanted = self._count > 0 and not self._stop_now
+            if wanted:
                 self._take_queued(self._drain_buffer)
         finally:
             self._collect.release()
@@ -218,3 +223,5 @@ class ReplyDispatcher:
             thread = self._thread
         if thread is not None and thread is not threading.current_thread():
             thread.join()
+        with self._collect:
+            pass  # a drain() under way (an event loop's) has finished: none starts after this

@@ -148,6 +148,18 @@ def _purge_rounds(emu, rounds):
         nxt.purge(0)
 
 
+@pytest.mark.filterwarnings("error::pytest.PytestUnhandledThreadExceptionWarning")
+def test_a_done_callback_may_purge_the_connection(emu):
+    conn = kvlclient.connect(emu.host, emu.port)
+    first = conn.call_async("ECHO", b"first")
+    later = [conn.call_async("DELAY", b"2000") for _ in range(3)]
+    first.add_done_callback(lambda f: conn.purge(0))
+    assert first.result(10).data == b"first"
+    for f in later:
+        assert isinstance(f.exception(10), kvlclient.ConnectionClosed)
+    assert conn.closed
+
+
 def test_asyncio_on_the_completion_handle_with_options(emu):
     async def main():
         aconn = await kvlclient.aio.connect(emu.host, emu.port, connect_timeout=5, deadline=0.1)
