@@ -71,6 +71,10 @@ public:
     // `plain` and anything that must be sent back to `out`. done or wantInput
     // (both: nothing more without input), closed or failed.
     virtual tlsStatus decrypt(tlsBytes& in, tlsBytes& plain, tlsBytes& out, tlsFailure& why) = 0;
+    // True after a TLS 1.3 handshake in which the Gateway asked for a client
+    // certificate: it judges the certificate only after the handshake, so its
+    // refusal arrives as the first record.
+    virtual bool awaitsClientAuthVerdict() { return false; }
     // "TLSv1.3 TLS_AES_256_GCM_SHA384, peer CN=..." for the trace.
     virtual void describe(char* text, size_t size) = 0;
 };

@@ -133,6 +133,8 @@ public:
         in_ = in;
         out_ = out;
         SSL_set_connect_state(ssl_);
+        SSL_set_msg_callback(ssl_, onMessage);
+        SSL_set_msg_callback_arg(ssl_, this);
         const char* name = s.name != nullptr ? s.name : "";
         bool address = isAddress(name);
         if (!address && name[0] != '\0') SSL_set_tlsext_host_name(ssl_, name);
@@ -213,6 +215,8 @@ public:
         }
     }
 
+    bool awaitsClientAuthVerdict() override { return askedForCertificate_ && SSL_version(ssl_) == TLS1_3_VERSION; }
+
     void describe(char* text, size_t size) override {
         char subject[256] = "none";
         X509* peer = SSL_get0_peer_certificate(ssl_);
@@ -221,6 +225,13 @@ public:
     }
 
 private:
+    static void onMessage(int writing, int, int contentType, const void* buf, size_t len, SSL*, void* arg) {
+        constexpr int kHandshake = 22, kCertificateRequest = 13;
+        if (writing == 0 && contentType == kHandshake && len > 0 &&
+            static_cast<const uint8_t*>(buf)[0] == kCertificateRequest)
+            static_cast<opensslEngine*>(arg)->askedForCertificate_ = true;
+    }
+
     tlsStatus fail(tlsFailure& why, int code, const char* text) {
         tlsFail(why, code, "%s", text);
         return tlsStatus::failed;
@@ -230,6 +241,7 @@ private:
     SSL* ssl_ = nullptr;
     BIO* in_ = nullptr;   // records from the Gateway
     BIO* out_ = nullptr;  // records for the Gateway
+    bool askedForCertificate_ = false;
 };
 
 }  // namespace

@@ -50,9 +50,10 @@ public:
     // Bytes the handshake read past its end belong to the first records.
     // Records that came with the end of the handshake are decrypted at once, so
     // that pending() sees their plaintext.
-    bool keep(tlsBytes& leftover) {
+    bool keep(tlsBytes& leftover, tlsBytes& plain) {
         std::lock_guard<std::mutex> engine(engineLock_);
         if (!rawIn_.append(leftover.begin(), leftover.size())) return false;
+        if (!plain_.append(plain.begin(), plain.size())) return false;
         decryptLocked();
         return true;
     }
@@ -179,8 +180,48 @@ int remainingMs(steadyClock::time_point deadline) {
     return left < 0 ? 0 : left > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(left);
 }
 
-// The handshake proper: 0 with `leftover` holding bytes read past its end.
-int runHandshake(platformSocket s, tlsEngine& engine, int timeoutMs, tlsBytes& leftover, tlsFailure& why) {
+constexpr int kVerdictWaitMs = 1000;
+
+// After a TLS 1.3 handshake in which the Gateway asked for our certificate:
+// its refusal (an alert) or its first records come right away; a refusal is a
+// failure of the open, not a lost connection later.
+int awaitVerdict(platformSocket s, tlsEngine& engine, int timeLeftMs, tlsBytes& leftover, tlsBytes& plain,
+                 tlsFailure& why) {
+    int wait = timeLeftMs < 0 || timeLeftMs > kVerdictWaitMs ? kVerdictWaitMs : timeLeftMs;
+    if (platformWaitReadableMs(s, wait) <= 0) return 0;
+    uint8_t chunk[4096];
+    long long got = platformRecv(s, chunk, sizeof chunk);
+    if (got < 1) {
+        tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "the Gateway closed the connection after the TLS handshake "
+                                                "(client certificate refused?)");
+        return why.code;
+    }
+    if (!leftover.append(chunk, static_cast<size_t>(got))) {
+        tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "no memory for the TLS handshake");
+        return why.code;
+    }
+    tlsBytes out;
+    tlsStatus status = engine.decrypt(leftover, plain, out, why);
+    if (!out.empty()) {
+        int error = 0;
+        sendRaw(s, out, &error);
+    }
+    if (status == tlsStatus::failed) {
+        tlsFailure inner = why;
+        tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "the Gateway refused the client certificate: %s", inner.text);
+        return why.code;
+    }
+    if (status == tlsStatus::closed) {
+        tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "the Gateway ended the TLS session after the handshake");
+        return why.code;
+    }
+    return 0;
+}
+
+// The handshake proper: 0 with `leftover` holding bytes read past its end and
+// `plain` any plaintext that came with them.
+int runHandshake(platformSocket s, tlsEngine& engine, int timeoutMs, tlsBytes& leftover, tlsBytes& plain,
+                 tlsFailure& why) {
     auto deadline = steadyClock::now() + std::chrono::milliseconds(timeoutMs);
     uint8_t chunk[kRecvChunk];
     for (;;) {
@@ -197,7 +238,10 @@ int runHandshake(platformSocket s, tlsEngine& engine, int timeoutMs, tlsBytes& l
                 return why.code;
             }
         }
-        if (status == tlsStatus::done) return 0;
+        if (status == tlsStatus::done) {
+            if (!engine.awaitsClientAuthVerdict()) return 0;
+            return awaitVerdict(s, engine, timeoutMs > 0 ? remainingMs(deadline) : -1, leftover, plain, why);
+        }
         if (status == tlsStatus::failed) return why.code;
         if (status == tlsStatus::closed) {
             tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "the Gateway ended the TLS session during the handshake");
@@ -257,17 +301,18 @@ int clapiTlsStart(kvlGatewayToken* gwTok, const KVL_EXT_ConnectOptions* options,
                     settings.cipherList ? settings.cipherList : "(default)");
         std::unique_ptr<tlsEngine> engine = clapiTlsCreateEngine(settings, why);
         tlsBytes leftover;
+        tlsBytes plain;
         if (!engine) {
             rc = why.code;
         } else {
-            rc = runHandshake(s, *engine, timeoutMs, leftover, why);
+            rc = runHandshake(s, *engine, timeoutMs, leftover, plain, why);
         }
         if (rc == 0) {
             char described[512];
             engine->describe(described, sizeof described);
             CLAPI_TRACE(EVENT, 9207, "clapi_tls.clapiTlsStart() TLS session established: %s\n", described);
             auto* session = new (std::nothrow) tlsSession(s, std::move(engine));
-            if (session == nullptr || !session->keep(leftover) || clapiStreamAttach(s, session) != 0) {
+            if (session == nullptr || !session->keep(leftover, plain) || clapiStreamAttach(s, session) != 0) {
                 delete session;
                 rc = tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "no memory for the TLS session") ? 0 : why.code;
             }

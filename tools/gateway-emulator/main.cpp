@@ -31,6 +31,11 @@ Options:
                         drop-on-handshake, accept-then-drop
       --refuse-rc RC    code of a refused handshake (default 61445)
       --port-file FILE  write the port number to FILE once listening
+      --tls-cert FILE   serve TLS with this PEM certificate chain (needs --tls-key)
+      --tls-key FILE    the PEM key of --tls-cert
+      --tls-client-ca FILE  ask clients for a certificate issued by these CAs
+      --tls-require-client-cert  refuse clients without an accepted certificate
+      --tls-min-version 1.2|1.3  oldest TLS version accepted (default 1.2)
   -h, --help            this text
 
 Once listening it prints "listening on ADDR:PORT".
@@ -67,6 +72,7 @@ bool toInt(const char* s, long lo, long hi, long& out) {
 
 int main(int argc, char** argv) {
     kvlemu::Config config;
+    kvlemu::TlsOptions tls;
     std::optional<std::string> address;
     std::optional<uint16_t> port;
     std::optional<kvlemu::HandshakeMode> handshake;
@@ -125,6 +131,21 @@ int main(int argc, char** argv) {
             refuseRc = static_cast<int32_t>(n);
         } else if (arg == "--port-file") {
             portFile = value("--port-file");
+        } else if (arg == "--tls-cert") {
+            tls.certFile = value("--tls-cert");
+        } else if (arg == "--tls-key") {
+            tls.keyFile = value("--tls-key");
+        } else if (arg == "--tls-client-ca") {
+            tls.clientCaFile = value("--tls-client-ca");
+        } else if (arg == "--tls-require-client-cert") {
+            tls.requireClientCert = true;
+        } else if (arg == "--tls-min-version") {
+            std::string v = value("--tls-min-version");
+            if (v != "1.2" && v != "1.3") {
+                std::fprintf(stderr, "kvl-gateway-emulator: --tls-min-version takes 1.2 or 1.3\n");
+                return 2;
+            }
+            tls.minVersion = v == "1.3" ? 0x0304 : 0x0303;
         } else {
             std::fprintf(stderr, "kvl-gateway-emulator: unknown option %s (try --help)\n", arg.c_str());
             return 2;
@@ -141,6 +162,19 @@ int main(int argc, char** argv) {
         },
         static_cast<int>(verbosity));
     kvlemu::applyConfig(config, emu);
+    if (!tls.certFile.empty() || !tls.keyFile.empty()) {
+        if (tls.certFile.empty() || tls.keyFile.empty()) {
+            std::fprintf(stderr, "kvl-gateway-emulator: TLS needs both --tls-cert and --tls-key\n");
+            return 2;
+        }
+        if (!emu.setTls(tls)) {
+            std::fprintf(stderr, "kvl-gateway-emulator: %s\n", emu.lastError().c_str());
+            return 1;
+        }
+    } else if (!tls.clientCaFile.empty() || tls.requireClientCert) {
+        std::fprintf(stderr, "kvl-gateway-emulator: client certificates need --tls-cert and --tls-key\n");
+        return 2;
+    }
     if (handshake || refuseRc)
         emu.setHandshake(handshake.value_or(config.handshake.value_or(kvlemu::HandshakeMode::Accept)),
                          refuseRc.value_or(config.refuseRc));

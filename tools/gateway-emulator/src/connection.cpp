@@ -16,7 +16,8 @@ constexpr int kReadPollMs = 100;
 // Buffered reads from a socket.
 class SocketReader {
 public:
-    SocketReader(net::Socket s, const std::atomic<bool>& dropped) : sock_(s), dropped_(dropped), buf_(kReadChunk) {}
+    SocketReader(net::Socket s, const std::atomic<bool>& dropped, tls::Stream* tls)
+        : sock_(s), dropped_(dropped), tls_(tls), buf_(kReadChunk) {}
 
     // False when the stream ended (or failed) before any byte of a new flow.
     bool more() { return len_ > pos_ || fill(); }
@@ -35,10 +36,10 @@ public:
 
 private:
     bool fill() {
-        while (!net::waitReadable(sock_, kReadPollMs))
+        while (!(tls_ && tls_->pending()) && !net::waitReadable(sock_, kReadPollMs))
             if (dropped_) return false;
         if (dropped_) return false;
-        long got = net::recvSome(sock_, buf_.data(), buf_.size());
+        long got = tls_ ? tls_->recvSome(buf_.data(), buf_.size()) : net::recvSome(sock_, buf_.data(), buf_.size());
         if (got <= 0) return false;
         pos_ = 0;
         len_ = static_cast<size_t>(got);
@@ -47,6 +48,7 @@ private:
 
     net::Socket sock_;
     const std::atomic<bool>& dropped_;
+    tls::Stream* tls_;
     std::vector<uint8_t> buf_;
     size_t pos_ = 0;
     size_t len_ = 0;
@@ -136,10 +138,14 @@ void Emulator::Impl::markClosed(Connection& conn) {
 void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
     HandshakeMode mode;
     uint32_t maxBody;
+    std::shared_ptr<tls::ServerContext> tlsContext;
+    int tlsTimeoutMs;
     {
         std::lock_guard<std::mutex> lock(m);
         mode = handshakeMode;
         maxBody = maxBodyLength;
+        tlsContext = this->tlsContext;
+        tlsTimeoutMs = tlsHandshakeTimeoutMs;
     }
     if (mode == HandshakeMode::DropOnAccept) {
         drop(*conn, "dropped on accept");
@@ -147,7 +153,18 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
         return;
     }
 
-    SocketReader in(conn->sock, conn->dropped);
+    if (tlsContext) {
+        std::string why;
+        conn->tls = tls::accept(*tlsContext, conn->sock, tlsTimeoutMs, [&] { return conn->dropped.load(); }, &why);
+        if (!conn->tls) {
+            log(1, "conn " + std::to_string(conn->index) + " TLS handshake failed: " + why);
+            drop(*conn, "TLS handshake failed");
+            markClosed(*conn);
+            return;
+        }
+        log(1, "conn " + std::to_string(conn->index) + " TLS session established");
+    }
+    SocketReader in(conn->sock, conn->dropped, conn->tls.get());
     for (;;) {
         if (!in.more()) {
             log(1, "conn " + std::to_string(conn->index) + " ended by the peer");

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "emu_socket.h"
+#include "emu_tls.h"
 #include "gateway_emulator/emulator.h"
 
 namespace kvlemu {
@@ -34,6 +35,7 @@ struct Connection {
     net::Socket sock = net::kInvalidSocket;
     std::mutex sendMutex;
     std::atomic<bool> dropped{false};  // shut down; nothing more is sent
+    std::unique_ptr<tls::Stream> tls;  // set by the reader before the first flow; nullptr: plain TCP
 
     // Under Impl::m.
     std::map<int32_t, int> luws;  // open unit-of-work token -> calls so far
@@ -57,6 +59,8 @@ struct Emulator::Impl {
     uint32_t maxBodyLength = 16u * 1024 * 1024;
     size_t recordLimit = static_cast<size_t>(-1);
     LogSink logSink;
+    std::shared_ptr<tls::ServerContext> tlsContext;  // nullptr: plain TCP
+    int tlsHandshakeTimeoutMs = 10000;
     int verbosity = 0;
     struct Trigger {
         std::string name;

@@ -52,7 +52,8 @@ bool Emulator::Impl::send(Connection& conn, const wire::Bytes& flow, const char*
     bool ok;
     {
         std::lock_guard<std::mutex> lock(conn.sendMutex);
-        ok = !conn.dropped && net::sendAll(conn.sock, flow.data(), flow.size());
+        ok = !conn.dropped && (conn.tls ? conn.tls->sendAll(flow.data(), flow.size())
+                                        : net::sendAll(conn.sock, flow.data(), flow.size()));
     }
     log(1, sentLine(conn, flow, what) + (ok ? "" : " NOT SENT"), &flow);
     return ok;

@@ -199,6 +199,17 @@ struct LuwEvent {
     Kind kind = Kind::Opened;
 };
 
+// TLS on the emulator's connections (PEM files).
+struct TlsOptions {
+    std::string certFile;      // the Gateway's certificate chain
+    std::string keyFile;       // its key
+    std::string clientCaFile;  // CAs accepted for client certificates; "" asks for none
+    bool requireClientCert = false;
+    int minVersion = 0x0303;  // 0x0303 TLS 1.2, 0x0304 TLS 1.3
+    int maxVersion = 0;       // 0: the newest
+    int handshakeTimeoutMs = 10000;
+};
+
 // verbosity 0: nothing; 1: one line per flow in and out; 2: and hex dumps.
 using LogSink = std::function<void(const std::string& line)>;
 
@@ -233,6 +244,11 @@ public:
     // Keeps at most this many recorded flows (oldest dropped); 0 keeps none.
     void setRecordLimit(size_t flows);
     void setLog(LogSink sink, int verbosity);
+    // Serves TLS on connections accepted from now on. False with lastError()
+    // when the files cannot be used or this build has no TLS.
+    bool setTls(const TlsOptions& options);
+    void clearTls();
+    static bool tlsAvailable();
 
     // Faults. inject() acts at once on a live connection (false if none);
     // kinds that need a reply (DropMidReply, NoReply) cannot be injected.
