@@ -113,7 +113,7 @@ long long clapiRecvSome(const sockBuffer* sb, uint8_t* data, uint64_t len, int* 
 }
 
 int sockBufferWaitReadable(sockBuffer* sb, int timeoutSeconds) {
-    if (sb->stream != nullptr && sb->stream->pending()) return 1;
+    if (sb->stream != nullptr) return sb->stream->waitReadable(timeoutSeconds);
     return platformWaitReadable(sb->socketDesc, timeoutSeconds);
 }
 

@@ -42,8 +42,8 @@ int freeBuffer(sockBuffer* sb);
 int flushBuffer(sockBuffer* sb);
 int fillBuffer(sockBuffer* sb);
 int waitForResponse(sockBuffer* sb, int timeout);  // seconds, 0 = no limit
-// As platformWaitReadable on the buffer's socket, but at once (1) when the stream
-// over it already holds bytes the socket will not signal.
+// As platformWaitReadable on the buffer's socket; with a stream over it, readable
+// means that the stream has bytes (or the end) to hand out.
 int sockBufferWaitReadable(sockBuffer* sb, int timeoutSeconds);
 
 void writeByte(sockBuffer* sb, uint8_t value);

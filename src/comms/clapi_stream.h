@@ -18,9 +18,10 @@ public:
     // One receive of at most len bytes: >0 bytes, 0 the peer ended the stream,
     // -1 failure with *error as for sendAll. Blocks as a socket recv would.
     virtual long long recv(uint8_t* data, size_t len, int* error) = 0;
-    // True when a recv would return without waiting on the socket (bytes already
-    // decrypted, or the end of the stream already seen).
-    virtual bool pending() = 0;
+    // As platformWaitReadable (seconds, 0: no limit), but readable means that a
+    // recv returns at once: records that carry no data (session tickets, key
+    // updates) are taken off the socket while waiting and do not count.
+    virtual int waitReadable(int timeoutSeconds) = 0;
 };
 
 // Attaches stream to socket s (the registry owns it from here). 0, or -1 when

@@ -49,7 +49,7 @@ public:
 
     // Bytes the handshake read past its end belong to the first records.
     // Records that came with the end of the handshake are decrypted at once, so
-    // that pending() sees their plaintext.
+    // that waitReadable() sees their plaintext.
     bool keep(tlsBytes& leftover, tlsBytes& plain) {
         std::lock_guard<std::mutex> engine(engineLock_);
         if (!rawIn_.append(leftover.begin(), leftover.size())) return false;
@@ -79,44 +79,69 @@ public:
 
     long long recv(uint8_t* data, size_t len, int* error) override {
         std::lock_guard<std::mutex> reader(readLock_);
-        std::unique_lock<std::mutex> engine(engineLock_);
-        *error = 0;
-        bool fresh = !rawIn_.empty();
         for (;;) {
-            if (fresh) {
-                fresh = false;
-                decryptLocked();
+            {
+                std::lock_guard<std::mutex> engine(engineLock_);
+                if (!plain_.empty()) {
+                    size_t n = len < plain_.size() ? len : plain_.size();
+                    memcpy(data, plain_.begin(), n);
+                    plain_.consume(n);
+                    *error = 0;
+                    return static_cast<long long>(n);
+                }
+                if (failed_ || ended_) {
+                    *error = socketError_;
+                    return failed_ ? -1 : 0;
+                }
             }
-            if (!plain_.empty()) {
-                size_t n = len < plain_.size() ? len : plain_.size();
-                memcpy(data, plain_.begin(), n);
-                plain_.consume(n);
-                return static_cast<long long>(n);
-            }
-            if (failed_) return -1;
-            if (ended_) return 0;
-            engine.unlock();
-            long long got = platformRecv(socket_, scratch_, sizeof scratch_);
-            if (got < 1) {
-                *error = got < 0 ? platformSocketError() : 0;
-                return got < 0 ? -1 : 0;
-            }
-            engine.lock();
-            if (!rawIn_.append(scratch_, static_cast<size_t>(got))) {
-                failed_ = true;
-                CLAPI_TRACE(EXC, 9222, "clapi_tls.recv() No memory for %lu bytes of records\n", (unsigned long)got);
-                return -1;
-            }
-            fresh = true;
+            pullFromSocket();
         }
     }
 
-    bool pending() override {
+    int waitReadable(int timeoutSeconds) override {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+        for (;;) {
+            if (ready()) return 1;
+            int readable;
+            if (timeoutSeconds == 0) {
+                readable = platformWaitReadable(socket_, 0);
+            } else {
+                auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+                if (left.count() <= 0) return 0;
+                readable = platformWaitReadableMs(socket_, static_cast<int>(left.count()));
+            }
+            if (readable <= 0) return readable;
+            std::lock_guard<std::mutex> reader(readLock_);
+            pullFromSocket();  // readable: returns without blocking
+        }
+    }
+
+private:
+    bool ready() {
         std::lock_guard<std::mutex> engine(engineLock_);
         return !plain_.empty() || ended_ || failed_;
     }
 
-private:
+    // One receive from the socket (blocking), decrypted. The socket's end or
+    // failure is kept as the session's (readLock held).
+    void pullFromSocket() {
+        long long got = platformRecv(socket_, scratch_, sizeof scratch_);
+        int error = got < 0 ? platformSocketError() : 0;
+        std::lock_guard<std::mutex> engine(engineLock_);
+        if (got < 1) {
+            socketError_ = error;
+            if (got < 0) failed_ = true;
+            else ended_ = true;
+            return;
+        }
+        if (!rawIn_.append(scratch_, static_cast<size_t>(got))) {
+            failed_ = true;
+            CLAPI_TRACE(EXC, 9222, "clapi_tls.recv() No memory for %lu bytes of records\n", (unsigned long)got);
+            return;
+        }
+        decryptLocked();
+    }
+
     // Turns what has arrived into plaintext; sends what the engine must answer.
     void decryptLocked() {
         tlsBytes out;
@@ -147,6 +172,7 @@ private:
     tlsBytes rawIn_;   // records received, not yet decrypted (engineLock)
     tlsBytes plain_;   // plaintext not yet taken by a reader (engineLock)
     bool failed_ = false;  // (engineLock)
+    int socketError_ = 0;  // the socket's error once failed_ came from it (engineLock)
     bool ended_ = false;   // (engineLock)
     uint8_t scratch_[kRecvChunk];  // (readLock)
 };

@@ -65,6 +65,12 @@ public:
         }
     }
 
+    // Records that came with the client's last handshake message (its first flow).
+    void takeEarlyRecords() {
+        std::lock_guard<std::mutex> lock(m_);
+        decryptLocked();
+    }
+
     bool sendAll(const uint8_t* data, size_t len) override {
         std::vector<uint8_t> out;
         std::unique_lock<std::mutex> lock(m_);
@@ -196,6 +202,7 @@ std::unique_ptr<Stream> accept(ServerContext& context, net::Socket s, int timeou
         if (error) *error = why;
         return nullptr;
     }
+    stream->takeEarlyRecords();
     return stream;
 }
 
