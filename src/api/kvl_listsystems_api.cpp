@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "comms/clapi_socketcomms.h"
+#include "ext/clapi_ext_hooks.h"
 #include "gateway/clapi_gwytok.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
@@ -25,6 +26,7 @@ void freeSlot(kvlGatewayToken* token, clapiSlot* slot, int* rc, bool traced) {
         if (*rc == 0) *rc = KVL_ERR_SYSTEM_ERROR;
         return;
     }
+    clapiExtRequestEnded(token, slot, *rc, false);  // a request whose send failed
     slotFree(&token->requestTable, slot);
     if (clapiReleaseLock(&token->tableLock) != 0) {
         if (traced) CLAPI_TRACE(EXC, 1027, "API.KVL_listSystems() Failed to unlock slot table after freeing slot\n");
@@ -76,12 +78,14 @@ int listSystems(kvlGatewayToken* token, unsigned short* Systems, kvlSystemInfo* 
         rc = KVL_ERR_SYSTEM_ERROR;
     } else {
         slot->state = SLOT_SENT;
+        clapiExtRequestStarted(token, slot, KVL_EXT_KIND_LIST);
         if (clapiRequestLock(&token->sendLock) != 0) {
             CLAPI_TRACE(EXC, 1024, "API.KVL_listSystems() Failed to acquire send lock\n");
             rc = KVL_ERR_SYSTEM_ERROR;
         } else {
             rc = clapiFlowECIRequest(token->socket.load(), &header, &request);
             sent = rc == 0;
+            if (sent) clapiExtRequestWritten(token, KVL_EXT_KIND_LIST, &header);
             if (clapiReleaseLock(&token->sendLock) != 0) {
                 CLAPI_TRACE(EXC, 1025, "API.KVL_listSystems() Failed to release send lock\n");
                 if (rc == 0) rc = KVL_ERR_SYSTEM_ERROR;
@@ -89,7 +93,8 @@ int listSystems(kvlGatewayToken* token, unsigned short* Systems, kvlSystemInfo* 
         }
     }
     if (sent) {
-        rc = clapiWaitEvent(&slot->event);
+        rc = clapiExtAwaitReply(token, slot);
+        if (rc == ECI_ERR_RESPONSE_TIMEOUT) return rc;  // the slot now belongs to the receiver thread
         if (rc == 0) {
             if (slot->replyRc != 0) {
                 rc = slot->replyRc;

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "ext/clapi_ext_hooks.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
 
@@ -28,6 +29,7 @@ void freeSlot(kvlGatewayToken* gwTok, clapiSlot* slot, int* rc, bool traced) {
         if (*rc == 0) *rc = ESI_ERR_SYSTEM_ERROR;
         return;
     }
+    clapiExtRequestEnded(gwTok, slot, *rc, false);  // a request whose send failed
     slotFree(&gwTok->requestTable, slot);
     if (clapiReleaseLock(&gwTok->tableLock) != 0) {
         if (traced)
@@ -83,12 +85,14 @@ int performEsiFlow(kvlGatewayToken* gwTok, EsiRequest* esiRequest, esiDetails* e
             rc = KVL_ERR_SYSTEM_ERROR;
         } else {
             slot->state = SLOT_SENT;
+            clapiExtRequestStarted(gwTok, slot, KVL_EXT_KIND_ESI);
             if (clapiRequestLock(&gwTok->sendLock) != 0) {
                 CLAPI_TRACE(EXC, 1820, "clapi_esi.performEsiFlow() Failed to acquire send lock\n");
                 rc = KVL_ERR_SYSTEM_ERROR;
             } else {
                 rc = clapiFlowESIRequest(gwTok->socket.load(), &header, esiRequest);
                 sent = rc == 0;
+                if (sent) clapiExtRequestWritten(gwTok, KVL_EXT_KIND_ESI, &header);
                 if (clapiReleaseLock(&gwTok->sendLock) != 0) {
                     CLAPI_TRACE(EXC, 1821, "clapi_esi.performEsiFlow() Failed to release send lock\n");
                     if (rc == 0) rc = KVL_ERR_SYSTEM_ERROR;
@@ -96,12 +100,16 @@ int performEsiFlow(kvlGatewayToken* gwTok, EsiRequest* esiRequest, esiDetails* e
             }
         }
     }
+    bool abandoned = false;
     if (sent) {
         // Released by the receiver thread once the reply is decoded, or when the connection ends.
-        clapiWaitEvent(&slot->event);
-        if (rc == 0) rc = slot->replyRc != 0 ? slot->replyRc : mapGwyRc(slot->bodyRc);
+        abandoned = clapiExtAwaitReply(gwTok, slot) == ECI_ERR_RESPONSE_TIMEOUT;
+        if (abandoned)
+            rc = ECI_ERR_RESPONSE_TIMEOUT;  // the slot now belongs to the receiver thread
+        else if (rc == 0)
+            rc = slot->replyRc != 0 ? slot->replyRc : mapGwyRc(slot->bodyRc);
     }
-    if (slot) freeSlot(gwTok, slot, &rc, sent);
+    if (slot && !abandoned) freeSlot(gwTok, slot, &rc, sent);
     CLAPI_TRACE(EXIT, 1824, "clapi_esi.performEsiFlow() rc=%d (%s)\n", rc, clapiRcName(rc));
     return rc;
 }

@@ -44,6 +44,8 @@ void wipeRequest(clapiSlot* s) {
     s->replyRc = 0;
     s->bodyRc = 0;
     s->queueNext = nullptr;
+    s->extStartedUs = 0;
+    s->replyInProgress = 0;
 }
 
 bool blockAllFree(const clapiSlot* block) {

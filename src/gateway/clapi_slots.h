@@ -23,6 +23,10 @@ enum slotState : int32_t {
     SLOT_SENT = 2,       // request sent, reply awaited; the only state a reply matches
     SLOT_REPLIED = 3,    // reply (or the connection's end) recorded by the receiver thread
     SLOT_LUW_KEPT = 4,   // reserved for an open unit of work between calls
+    // The caller's deadline passed before the reply came; the caller has gone.
+    // A late reply is read and dropped (nothing reaches the caller's memory)
+    // and the receiver thread frees the slot, as it does when the connection ends.
+    SLOT_ABANDONED = 5,
 };
 
 // One request. Fields marked (sender) are filled by the code that sends the
@@ -54,6 +58,13 @@ struct clapiSlot {
     // and frees it; whoever frees it earlier must null it here.
     void* ownedBuffer;
     uint64_t ownedBufferSize;
+    // (extensions) When the request went to SLOT_SENT, in microseconds of the
+    // monotonic clock; 0 once the statistics have counted its end.
+    uint64_t extStartedUs;
+    int32_t extKind;  // KVL_EXT_KIND_ of the request
+    // (receiver) 1 while the reply is decoded into the caller's memory (table
+    // lock): a caller whose deadline passes then waits for it to finish.
+    int32_t replyInProgress;
 };
 
 // The whole table; `first` is the embedded block and the start of the chain.

@@ -12,9 +12,9 @@ std::shared_ptr<ServerContext> makeServerContext(const TlsOptions&, std::string*
     return nullptr;
 }
 
-std::unique_ptr<Stream> accept(ServerContext&, net::Socket, int, const std::function<bool()>&, std::string* error) {
-    if (error) *error = "this emulator was built without TLS";
-    return nullptr;
+std::unique_ptr<Stream> serverStream(std::shared_ptr<ServerContext>, net::Socket s, int) {
+    // Never reached: without a context no TLS stream is asked for.
+    return plainStream(s);
 }
 
 }  // namespace kvlemu::tls

@@ -4,6 +4,8 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <vector>
@@ -40,38 +42,42 @@ void drain(BIO* bio, std::vector<uint8_t>& out) {
 
 class OpensslStream final : public Stream {
 public:
-    OpensslStream(SSL* ssl, BIO* in, BIO* out, net::Socket s) : ssl_(ssl), in_(in), out_(out), sock_(s) {}
-    ~OpensslStream() override { SSL_free(ssl_); }
+    OpensslStream(std::shared_ptr<ServerContext> context, net::Socket s, int timeoutMs)
+        : context_(std::move(context)), sock_(s), timeoutMs_(timeoutMs) {}
+    ~OpensslStream() override {
+        SSL_free(ssl_);  // frees the BIOs with it
+        net::closeSocket(sock_);
+    }
 
-    // Server side of the handshake; "" when it is done.
-    std::string handshake(int timeoutMs, const std::function<bool()>& stop) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            ERR_clear_error();
-            int rc = SSL_do_handshake(ssl_);
-            std::vector<uint8_t> out;
-            drain(out_, out);
-            if (!out.empty() && !net::sendAll(sock_, out.data(), out.size())) return "peer gone during the handshake";
-            if (rc == 1) return "";
-            if (SSL_get_error(ssl_, rc) != SSL_ERROR_WANT_READ) return lastReason("handshake failed");
-            while (!net::waitReadable(sock_, 100)) {
-                if (stop()) return "stopped";
-                if (std::chrono::steady_clock::now() > deadline) return "handshake timed out";
-            }
-            uint8_t buf[16384];
-            long got = net::recvSome(sock_, buf, sizeof buf);
-            if (got <= 0) return "peer closed during the handshake";
-            BIO_write(in_, buf, static_cast<int>(got));
+    bool start(std::string* why) override {
+        ssl_ = SSL_new(context_->ctx);
+        in_ = BIO_new(BIO_s_mem());
+        out_ = BIO_new(BIO_s_mem());
+        if (ssl_ == nullptr || in_ == nullptr || out_ == nullptr) {
+            SSL_free(ssl_);
+            BIO_free(in_);
+            BIO_free(out_);
+            ssl_ = nullptr;
+            in_ = out_ = nullptr;
+            if (why) *why = "TLS handshake failed: no memory for a TLS session";
+            return false;
         }
-    }
-
-    // Records that came with the client's last handshake message (its first flow).
-    void takeEarlyRecords() {
+        BIO_set_mem_eof_return(in_, -1);
+        SSL_set_bio(ssl_, in_, out_);
+        SSL_set_accept_state(ssl_);
+        std::string failure = handshake();
+        if (!failure.empty()) {
+            if (why) *why = "TLS handshake failed: " + failure;
+            return false;
+        }
         std::lock_guard<std::mutex> lock(m_);
-        decryptLocked();
+        decryptLocked();  // records that came with the client's last handshake message
+        if (why) *why = std::string("TLS session established: ") + SSL_get_version(ssl_);
+        return true;
     }
 
-    bool sendAll(const uint8_t* data, size_t len) override {
+    bool write(const uint8_t* data, size_t len) override {
+        if (stopped_ || ssl_ == nullptr) return false;
         std::vector<uint8_t> out;
         std::unique_lock<std::mutex> lock(m_);
         size_t done = 0;
@@ -86,8 +92,10 @@ public:
         return net::sendAll(sock_, out.data(), out.size());
     }
 
-    long recvSome(uint8_t* data, size_t len) override {
+    long read(uint8_t* data, size_t len) override {
+        if (ssl_ == nullptr) return -1;
         for (;;) {
+            if (stopped_) return -1;
             {
                 std::lock_guard<std::mutex> lock(m_);
                 if (!plain_.empty()) {
@@ -100,20 +108,43 @@ public:
                 if (ended_) return 0;
             }
             uint8_t buf[16384];
-            long got = net::recvSome(sock_, buf, sizeof buf);
-            if (got <= 0) return got;
+            long got = net::recvUntilStopped(sock_, buf, sizeof buf, stopped_);
+            if (got <= 0 || stopped_) return stopped_ ? -1 : got;
             std::lock_guard<std::mutex> lock(m_);
             BIO_write(in_, buf, static_cast<int>(got));
             decryptLocked();
         }
     }
 
-    bool pending() override {
-        std::lock_guard<std::mutex> lock(m_);
-        return !plain_.empty() || ended_ || failed_;
+    void shutdown() override {
+        if (!stopped_.exchange(true)) net::shutdownBoth(sock_);
     }
 
 private:
+    // Server side of the handshake; "" when it is done.
+    std::string handshake() {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs_);
+        for (;;) {
+            ERR_clear_error();
+            int rc = SSL_do_handshake(ssl_);
+            std::vector<uint8_t> out;
+            drain(out_, out);
+            if (!out.empty() && !net::sendAll(sock_, out.data(), out.size())) return "peer gone";
+            if (rc == 1) return "";
+            if (SSL_get_error(ssl_, rc) != SSL_ERROR_WANT_READ) return lastReason("refused");
+            // Polled, so that a drop (shutdown) or the deadline ends the wait.
+            while (!net::waitReadable(sock_, 100)) {
+                if (stopped_) return "stopped";
+                if (std::chrono::steady_clock::now() > deadline) return "timed out";
+            }
+            if (stopped_) return "stopped";
+            uint8_t buf[16384];
+            long got = net::recvSome(sock_, buf, sizeof buf);
+            if (got <= 0) return "peer closed";
+            BIO_write(in_, buf, static_cast<int>(got));
+        }
+    }
+
     void decryptLocked() {
         for (;;) {
             uint8_t buf[16384];
@@ -137,10 +168,13 @@ private:
         }
     }
 
-    SSL* ssl_;
-    BIO* in_;
-    BIO* out_;
+    std::shared_ptr<ServerContext> context_;
     net::Socket sock_;
+    int timeoutMs_;
+    SSL* ssl_ = nullptr;
+    BIO* in_ = nullptr;
+    BIO* out_ = nullptr;
+    std::atomic<bool> stopped_{false};
     std::mutex m_;     // the SSL object and the buffers
     std::mutex wire_;  // records in order on the socket
     std::vector<uint8_t> plain_;
@@ -181,29 +215,8 @@ std::shared_ptr<ServerContext> makeServerContext(const TlsOptions& options, std:
     return context;
 }
 
-std::unique_ptr<Stream> accept(ServerContext& context, net::Socket s, int timeoutMs, const std::function<bool()>& stop,
-                               std::string* error) {
-    SSL* ssl = SSL_new(context.ctx);
-    BIO* in = BIO_new(BIO_s_mem());
-    BIO* out = BIO_new(BIO_s_mem());
-    if (ssl == nullptr || in == nullptr || out == nullptr) {
-        SSL_free(ssl);
-        BIO_free(in);
-        BIO_free(out);
-        if (error) *error = "no memory for a TLS session";
-        return nullptr;
-    }
-    BIO_set_mem_eof_return(in, -1);
-    SSL_set_bio(ssl, in, out);
-    SSL_set_accept_state(ssl);
-    auto stream = std::make_unique<OpensslStream>(ssl, in, out, s);
-    std::string why = stream->handshake(timeoutMs, stop);
-    if (!why.empty()) {
-        if (error) *error = why;
-        return nullptr;
-    }
-    stream->takeEarlyRecords();
-    return stream;
+std::unique_ptr<Stream> serverStream(std::shared_ptr<ServerContext> context, net::Socket s, int timeoutMs) {
+    return std::make_unique<OpensslStream>(std::move(context), s, timeoutMs);
 }
 
 }  // namespace kvlemu::tls
