@@ -22,6 +22,7 @@
 #include "gateway_emulator/emulator.h"
 #include "kvl_channel.h"
 #include "kvl_eci.h"
+#include "kvl_ext.h"
 #include "kvlclient.h"
 #include "perf_measure.h"
 #include "raw_client.h"
@@ -66,6 +67,31 @@ int spawn(const std::function<void(int)>& serve) {
 void serveEmulator(int readyFd) {
     kvlemu::Emulator emu;
     int port = emu.start("127.0.0.1", 0) ? emu.port() : -1;
+    emu.setRecordLimit(0);
+    if (write(readyFd, &port, sizeof port) != sizeof port) _exit(1);
+    close(readyFd);
+    for (;;) pause();
+}
+
+// TLS: a throw-away self-signed certificate for 127.0.0.1, made with the
+// openssl command before any child is forked; "" when it cannot be made.
+std::string tlsDir;
+
+std::string makeTlsCertificate() {
+    char dir[] = "/tmp/kvl_perf_tlsXXXXXX";
+    if (!mkdtemp(dir)) return "";
+    std::string cmd = std::string("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2") +
+                      " -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " + dir + "/key.pem -out " +
+                      dir + "/cert.pem >/dev/null 2>&1";
+    return system(cmd.c_str()) == 0 ? dir : "";
+}
+
+void serveTlsEmulator(int readyFd) {
+    kvlemu::Emulator emu;
+    kvlemu::TlsOptions tls;
+    tls.certFile = tlsDir + "/cert.pem";
+    tls.keyFile = tlsDir + "/key.pem";
+    int port = emu.setTls(tls) && emu.start("127.0.0.1", 0) ? emu.port() : -1;
     emu.setRecordLimit(0);
     if (write(readyFd, &port, sizeof port) != sizeof port) _exit(1);
     close(readyFd);
@@ -534,6 +560,77 @@ void emulatorVsFast(int fastPort, int emuPort) {
     KVL_closeGatewayConnection(&toEmu);
 }
 
+// Opens through the extension API, over TLS or plain TCP; the time of the open in *openUs.
+gwTok extOpen(int port, bool tls, double* openUs) {
+    KVL_EXT_ConnectOptions o;
+    KVL_EXT_initConnectOptions(&o);
+    o.host = "127.0.0.1";
+    o.port = port;
+    o.connectTimeoutMs = 10000;
+    const std::string ca = tlsDir + "/cert.pem";
+    if (tls) {
+        o.tls = 1;
+        o.tlsCaFile = ca.c_str();
+    }
+    gwTok t = nullptr;
+    int64_t t0 = nowNs();
+    int rc = KVL_EXT_openConnection(&o, &t);
+    if (openUs) *openUs = static_cast<double>(nowNs() - t0) / 1000.0;
+    if (rc != KVL_OK) {
+        char why[256] = "";
+        KVL_EXT_getLastErrorText(why, sizeof why);
+        fprintf(stderr, "kvl_perf: %s open failed, rc=%d: %s\n", tls ? "TLS" : "plain", rc, why);
+        return nullptr;
+    }
+    return t;
+}
+
+void tlsVsPlain(int plainPort, int tlsPort) {
+    heading("Sync echo over TLS vs plain TCP, library and emulator on both (us; ratio = TLS / plain)");
+    if (tlsPort <= 0) {
+        printf("  no TLS emulator (openssl command or TLS build missing): skipped\n");
+        return;
+    }
+    Series opens = interleave(cfg.rounds, [&](bool tls) {
+        double us = 0;
+        gwTok t = extOpen(tls ? tlsPort : plainPort, tls, &us);
+        if (!t) exit(2);
+        KVL_closeGatewayConnection(&t);
+        return us;
+    });
+    row("open (connect, TLS handshake, Gateway handshake)", opens.libMedian(), opens.rawMedian(), opens.ratioMedian());
+    gwTok toTls = extOpen(tlsPort, true, nullptr);
+    gwTok toPlain = extOpen(plainPort, false, nullptr);
+    if (!toTls || !toPlain) exit(2);
+    for (uint32_t size : {100u, 32000u}) {
+        std::vector<uint8_t> area(size, 's');
+        std::vector<double> cpuTls, cpuPlain;
+        // "library" here is TLS, "floor" plain TCP.
+        Series s = interleave(cfg.rounds, [&](bool tls) {
+            gwTok t = tls ? toTls : toPlain;
+            for (int i = 0; i < 20; ++i) libCall(t, area.data(), size);
+            std::vector<double> lat;
+            int64_t cpu0 = cpuNs();
+            for (int i = 0; i < cfg.syncCalls / 2; ++i) {
+                int64_t t0 = nowNs();
+                if (!libCall(t, area.data(), size)) {
+                    fprintf(stderr, "kvl_perf: %s echo failed\n", tls ? "TLS" : "plain");
+                    exit(2);
+                }
+                lat.push_back(static_cast<double>(nowNs() - t0) / 1000.0);
+            }
+            (tls ? cpuTls : cpuPlain).push_back(static_cast<double>(cpuNs() - cpu0) / 1000.0 / (cfg.syncCalls / 2));
+            return median(lat);
+        });
+        const std::string tag = std::to_string(size) + " B";
+        row("sync p50 TLS / plain, " + tag, s.libMedian(), s.rawMedian(), s.ratioMedian());
+        row("client CPU per call TLS / plain, " + tag, median(cpuTls), median(cpuPlain),
+            median(cpuPlain) > 0 ? median(cpuTls) / median(cpuPlain) : NAN);
+    }
+    KVL_closeGatewayConnection(&toTls);
+    KVL_closeGatewayConnection(&toPlain);
+}
+
 int childMain(int argc, char** argv) {
     if (argc < 5) return 2;
     bool library = strcmp(argv[2], "lib") == 0;
@@ -570,6 +667,11 @@ int main(int argc, char** argv) {
     // The servers are forked before this process starts any thread.
     int fastPort = spawn([](int fd) { runFastGateway(fd); });
     int emuPort = spawn(serveEmulator);
+    int tlsPort = -1;
+    if (KVL_EXT_tlsAvailable() && kvlemu::Emulator::tlsAvailable()) {
+        tlsDir = makeTlsCertificate();
+        if (!tlsDir.empty()) tlsPort = spawn(serveTlsEmulator);
+    }
     if (fastPort <= 0 || emuPort <= 0) {
         fprintf(stderr, "kvl_perf: the Gateways did not start\n");
         stopChildren();
@@ -588,7 +690,9 @@ int main(int argc, char** argv) {
     idleConnections(self, fastPort);
     syscallsPerCall(self, fastPort);
     emulatorVsFast(fastPort, emuPort);
+    tlsVsPlain(emuPort, tlsPort);
     stopChildren();
+    if (!tlsDir.empty()) system(("rm -rf " + tlsDir).c_str());
     printf("\ntargets: %d met, %d not met\n", targetsMet, targetsMissed);
     return 0;
 }
