@@ -99,6 +99,18 @@ if [[ -z "${KVL_SKIP_LINUX:-}${KVL_SKIP_WINDOWS:-}" && -x "$emu_bin" && -f "$pro
   echo "=== Windows TLS under Wine against the Linux emulator ==="
   if tests/tls/wine_tls.sh "$emu_bin" "$probe_exe"; then passed=$((passed + 1)); else failed=$((failed + 1)); status=1; fi
 fi
+# kvl.exe over TLS under Wine, with the TLS tests' certificates from the Linux build.
+certs_bin=build/linux-asan/bin/kvl_test_certs
+kvl_exe=build/windows/bin/kvl.exe
+if [[ -z "${KVL_SKIP_LINUX:-}${KVL_SKIP_WINDOWS:-}" && -x "$emu_bin" && -x "$certs_bin" && -f "$kvl_exe" ]]; then
+  echo "=== kvl.exe over TLS under Wine against the Linux emulator ==="
+  if tests/cli/wine_tls_call.sh "$emu_bin" "$certs_bin" "$kvl_exe"; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+    status=1
+  fi
+fi
 
 echo "total: $passed passed, $failed failed"
 exit $status
