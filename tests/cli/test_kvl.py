@@ -15,7 +15,7 @@ OK, PROGRAM, USAGE, CONNECTION = 0, 1, 2, 3
     (["ECHO", "--hex", "00 01 ff"], None, b"\x00\x01\xff"),
     (["ECHO", "--stdin"], b"from stdin\x00\x01", b"from stdin\x00\x01"),
     (["ECHO", "caf\u00e9", "--codepage", "CP1252"], None, b"caf\xe9"),
-    (["ECHO", "AB", "--codepage", "IBM037"], None, b"\xc1\xc2"),
+    (["ECHO", "AB", "--codepage", "CP037"], None, b"\xc1\xc2"),
     (["ECHO", "abc", "--length", "6"], None, b"abc\x00\x00\x00"),
     (["ECHO", "abcdef", "--reply-length", "2"], None, b"ab"),
     (["SHORT", "abcdefgh"], None, b"abcd\x00\x00\x00\x00"),
@@ -38,7 +38,7 @@ def test_call_from_file_and_human_output(kvl, tmp_path):
 
 
 def test_codepage_reply_shown_decoded(kvl):
-    done = kvl("call", "ECHO", "HELLO", "--codepage", "IBM037", json_out=True)
+    done = kvl("call", "ECHO", "HELLO", "--codepage", "CP037", json_out=True)
     assert done.json["hex"] == "c8c5d3d3d6"
     assert done.json["text"] == "HELLO"
 

@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
     c->add_option("-x,--hex", call.hex, "COMMAREA as hex digits");
     c->add_option("-f,--file", call.file, "COMMAREA from a file");
     c->add_flag("--stdin", call.fromStdin, "COMMAREA from standard input");
-    c->add_option("--codepage", call.codePage, "code page of text and of the shown reply (UTF-8, CP1252, IBM037, ...)")
+    c->add_option("--codepage", call.codePage, "code page of text and of the shown reply (UTF-8, CP1252, CP037, ...)")
         ->envname("KVL_CODEPAGE");
     c->add_option("-l,--length", call.length, "COMMAREA size in bytes (at least the data)")->check(CLI::Range(0, 32767));
     c->add_option("-r,--reply-length", call.replyLength, "bytes wanted back (0: the whole COMMAREA)")

@@ -16,7 +16,7 @@ bool stderrIsTerminal();
 // data) with echo off. Empty when there is no terminal to ask.
 std::optional<std::string> readSecret(const std::string& prompt);
 
-// Converts UTF-8 text to the bytes of a code page ("UTF-8", "CP1252", "IBM037", a
+// Converts UTF-8 text to the bytes of a code page ("UTF-8", "CP1252", "CP037", a
 // number such as 37 or 1252) and back. Empty when the code page is unknown or
 // the text cannot be converted; `error` says why.
 std::optional<std::string> encodeText(const std::string& utf8, const std::string& codePage, std::string& error);

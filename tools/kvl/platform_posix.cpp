@@ -39,7 +39,7 @@ std::optional<std::string> readSecret(const std::string& prompt) {
 
 namespace {
 
-// iconv knows "CP1252" and "IBM037"; a bare number is taken as CPnnn.
+// iconv knows "CP1252" and "CP037"; a bare number is taken as CPnnn.
 std::string iconvName(const std::string& codePage) {
     if (!codePage.empty() && std::isdigit(static_cast<unsigned char>(codePage[0]))) return "CP" + codePage;
     return codePage;

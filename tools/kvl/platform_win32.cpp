@@ -42,7 +42,7 @@ std::optional<std::string> readSecret(const std::string& prompt) {
 
 namespace {
 
-// "UTF-8", "CP1252", "IBM037" or a bare number name a Windows code page.
+// "UTF-8", "CP1252", "CP037" or a bare number name a Windows code page.
 UINT codePageNumber(const std::string& name) {
     std::string upper;
     for (char c : name) upper.push_back(static_cast<char>(std::toupper(static_cast<unsigned char>(c))));
@@ -50,7 +50,7 @@ UINT codePageNumber(const std::string& name) {
     size_t digits = upper.find_first_of("0123456789");
     if (digits == std::string::npos) return 0;
     std::string prefix = upper.substr(0, digits);
-    if (!prefix.empty() && prefix != "CP" && prefix != "IBM" && prefix != "IBM-" && prefix != "WINDOWS-") return 0;
+    if (!prefix.empty() && prefix != "CP" && prefix != "WINDOWS-") return 0;
     return static_cast<UINT>(std::strtoul(upper.c_str() + digits, nullptr, 10));
 }
 
