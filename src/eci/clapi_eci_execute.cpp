@@ -181,7 +181,7 @@ int markSent(kvlGatewayToken* gwTok, clapiSlot* slot, preparedRequest* p, bool* 
             CLAPI_TRACE(DEBUG, 1526, "clapi_eci.performEciExecute() Async requests=%d on gwTok=%p\n",
                         (int)gwTok->asyncRequestCount, static_cast<void*>(gwTok));
         }
-        slot->state = SLOT_SENT;
+        rc = slotMarkSent(slot);
     }
     if (clapiReleaseLock(&gwTok->tableLock) != 0) {
         if (async)

@@ -159,6 +159,12 @@ int slotFind(slotTable* table, int32_t luwToken, clapiSlot** requestSlotPP) {
     return rc;
 }
 
+int slotMarkSent(clapiSlot* slotP) {
+    if (slotP->state != SLOT_ALLOCATED) return ECI_ERR_SYSTEM_ERROR;
+    slotP->state = SLOT_SENT;
+    return 0;
+}
+
 void slotFree(slotTable* table, clapiSlot* slotP) {
     CLAPI_TRACE(ENTRY, 2058, "clapi_gwytok.slotFree(requestTableP=%p, slotP=%p)\n", static_cast<void*>(table),
                 static_cast<void*>(slotP));

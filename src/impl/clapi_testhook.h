@@ -1,0 +1,15 @@
+// Test points: named places in the library where a test may hold a thread, to
+// open a gap between two steps that otherwise follow each other too quickly to
+// race deterministically. Built only with KVL_TEST_HOOKS (test presets); in the
+// shipped library CLAPI_TEST_POINT expands to nothing.
+#pragma once
+
+#ifdef KVL_TEST_HOOKS
+// The test's function, called with the point's name; null: none installed.
+using clapiTestHookFn = void (*)(const char* point);
+extern clapiTestHookFn volatile clapiTestHook;
+void clapiTestPointReached(const char* point);
+#define CLAPI_TEST_POINT(name) clapiTestPointReached(name)
+#else
+#define CLAPI_TEST_POINT(name) ((void)0)
+#endif
