@@ -81,7 +81,8 @@ int executeChannelRequest(kvlGatewayToken* gwTok, EciParms* parms) {
     const bool holdChannel = usesChannel(parms->eci_extend_mode);
     int rc = 0;
     if (holdChannel) {
-        // A handle that is not on the channel list is never followed.
+        // A handle that is not on the channel list is never followed. The
+        // request counts as a user of the channel until it lets go of it.
         int listed = clapiChannelIsListed(channel);
         if (listed < 0) {
             rc = ECI_ERR_SYSTEM_ERROR;
@@ -89,14 +90,15 @@ int executeChannelRequest(kvlGatewayToken* gwTok, EciParms* parms) {
             CLAPI_TRACE(EXC, 1510, "API.KVL_ECI_Execute_Channel() NULL channel, channel=%p\n", parms->eci_channel);
             rc = ECI_ERR_INVALID_CHANNEL;
         } else {
-            rc = lockChannel(channel);
+            rc = clapiHoldListedChannel(channel);
+            if (rc == ECI_ERR_LOCKFAIL) rc = ECI_ERR_SYSTEM_ERROR;
         }
         if (rc != 0) return rc;
         rc = settleChannelCcsid(channel);
     }
     if (rc == 0) rc = performEciExecute(gwTok, parms, true);
     if (holdChannel && !(rc == 0 && parms->eci_call_type == ECI_ASYNC)) {
-        if (unlockChannel(channel) != 0) {
+        if (clapiReleaseListedChannel(channel) != 0) {
             CLAPI_TRACE(EXC, 1564, "API.KVL_ECI_Execute_Channel() Unlock channel failed\n");
             if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
         }

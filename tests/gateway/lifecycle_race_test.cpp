@@ -53,12 +53,16 @@ private:
 class ConnectionEndRace : public ::testing::Test {
 protected:
     void SetUp() override {
+        clapiCloseAnswerSeconds = 1;  // this Gateway never answers a close request
         if (!kvltest::testPointsAvailable()) GTEST_SKIP() << "this build has no test points";
         gateway_.acceptAndShakeHands();
         ASSERT_EQ(KVL_openRemoteGatewayConnection("127.0.0.1", gateway_.port(), &token_, 10), KVL_OK);
         ASSERT_TRUE(gateway_.waitReady());
     }
     void TearDown() override {
+        struct Restore {
+            ~Restore() { clapiCloseAnswerSeconds = 30; }
+        } restore;
         if (token_) {
             auto close = BoundedCall([t = token_]() mutable { return KVL_closeGatewayConnection(&t); });
             EXPECT_TRUE(close.finish().has_value()) << "the close waited for ever";
