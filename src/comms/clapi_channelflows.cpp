@@ -44,8 +44,7 @@ void wipeAndFreeData(uint8_t* data, uint64_t len) {
 constexpr uint64_t kUpfrontDataLimit = 1u << 20;
 
 // A block holding `length` bytes read from the flow, or null when memory ran
-// out (*noMemory set). A failed read shows in sb->lastError; the block is then
-// returned all the same for the caller to wipe and free.
+// out (*noMemory set) or the read failed (sb->lastError set).
 uint8_t* readContainerData(sockBuffer* sb, uint64_t length, bool* noMemory) {
     *noMemory = false;
     uint64_t capacity = length < kUpfrontDataLimit ? length : kUpfrontDataLimit;
@@ -71,6 +70,10 @@ uint8_t* readContainerData(sockBuffer* sb, uint64_t length, bool* noMemory) {
         }
         readBytes(sb, block + got, capacity - got);
         got = capacity;
+    }
+    if (sb->lastError != 0) {
+        wipeAndFreeData(block, capacity);
+        return nullptr;
     }
     return block;
 }
@@ -298,6 +301,8 @@ int modifyContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont)
                                 "clapi_socketcomms.modifyContainer() Failed to allocate %lu bytes for container data\n",
                                 (unsigned long)tempCont->dataLength);
                     rc = ECI_ERR_MEMORY_SHORTAGE;
+                } else if (!data) {
+                    rc = sockBufferErrorRc(sb);  // the container is left empty
                 }
             }
         } else if (tempCont->dataLength != 0) {
