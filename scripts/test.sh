@@ -51,7 +51,7 @@ run_suite() {
 if [[ -z "${KVL_SKIP_LINUX:-}" ]]; then run_suite "Linux (ASan+UBSan)" linux-asan; fi
 # ThreadSanitizer over the concurrency tests and the stress test.
 if [[ -z "${KVL_SKIP_TSAN:-}" ]]; then
-  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} run_suite "Linux (TSan)" linux-tsan
+  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1} run_suite "Linux (TSan)" linux-tsan
 fi
 # A bounded run of the wire fuzzer; counts as one test.
 if [[ -z "${KVL_SKIP_FUZZ:-}" ]]; then

@@ -2,10 +2,10 @@
 #include "impl/clapi_testhook.h"
 
 #ifdef KVL_TEST_HOOKS
-clapiTestHookFn volatile clapiTestHook = nullptr;
+std::atomic<clapiTestHookFn> clapiTestHook{nullptr};
 
 void clapiTestPointReached(const char* point) {
-    clapiTestHookFn hook = clapiTestHook;
+    clapiTestHookFn hook = clapiTestHook.load();
     if (hook) hook(point);
 }
 #endif

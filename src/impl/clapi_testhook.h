@@ -5,9 +5,11 @@
 #pragma once
 
 #ifdef KVL_TEST_HOOKS
+#include <atomic>
+
 // The test's function, called with the point's name; null: none installed.
 using clapiTestHookFn = void (*)(const char* point);
-extern clapiTestHookFn volatile clapiTestHook;
+extern std::atomic<clapiTestHookFn> clapiTestHook;
 void clapiTestPointReached(const char* point);
 #define CLAPI_TEST_POINT(name) clapiTestPointReached(name)
 #else
