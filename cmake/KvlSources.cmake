@@ -2,11 +2,11 @@
 # The shared library and the internal static library are both built from the same objects.
 
 if(WIN32)
-  set(KVL_PLATFORM_SOURCES src/platform/platform_win32.cpp)
+  set(KVL_PLATFORM_SOURCES src/platform/platform_win32.cpp src/platform/platform_ext_win32.cpp)
   set(KVL_ENTRY_SOURCES src/platform/entry_win32.cpp)
   set(KVL_PLATFORM_LIBS ws2_32)
 else()
-  set(KVL_PLATFORM_SOURCES src/platform/platform_posix.cpp)
+  set(KVL_PLATFORM_SOURCES src/platform/platform_posix.cpp src/platform/platform_ext_posix.cpp)
   set(KVL_ENTRY_SOURCES src/platform/entry_posix.cpp)
   set(KVL_PLATFORM_LIBS pthread)
 endif()
@@ -35,7 +35,8 @@ target_compile_definitions(kvlclient_internal PUBLIC KVL_BUILDING_LIBRARY)
 target_link_libraries(kvlclient_internal PUBLIC ${KVL_PLATFORM_LIBS})
 
 add_library(kvlclient SHARED ${KVL_ALL_OBJECTS} ${KVL_ENTRY_SOURCES})
-target_include_directories(kvlclient PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE ${PROJECT_SOURCE_DIR}/src)
+target_include_directories(kvlclient PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+                                     PRIVATE ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(kvlclient PRIVATE KVL_BUILDING_LIBRARY)
 target_link_libraries(kvlclient PRIVATE ${KVL_PLATFORM_LIBS})
 if(WIN32)
@@ -43,12 +44,9 @@ if(WIN32)
                         IMPORT_SUFFIX ".dll.a")
   target_link_options(kvlclient PRIVATE -Wl,--kill-at)
 else()
-  set_target_properties(kvlclient PROPERTIES VERSION 9.1.0 SOVERSION 9)
   target_link_options(kvlclient PRIVATE -Wl,--no-undefined)
 endif()
 
-# Build level shown in the trace banner: fixed at configure time.
-string(TIMESTAMP KVL_BUILD_STAMP "%Y%m%d%H%M" UTC)
-if(TARGET kvl_impl)
-  target_compile_definitions(kvl_impl PRIVATE KVL_BUILD_LEVEL="KVL9104-${KVL_BUILD_STAMP}")
-endif()
+
+# Versions, SONAME and the Windows version resource.
+include(${CMAKE_CURRENT_LIST_DIR}/KvlVersion.cmake)

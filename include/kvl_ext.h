@@ -39,7 +39,7 @@
 
 /** TLS protocol versions for KVL_EXT_ConnectOptions.tlsMinVersion. */
 #define KVL_EXT_TLS_1_2 0x0303 /**< the default (also taken for 0) */
-#define KVL_EXT_TLS_1_3 0x0304
+#define KVL_EXT_TLS_1_3 0x0304 /**< TLS 1.3 only */
 
 /** Options of KVL_EXT_openConnection.
  *
@@ -103,9 +103,9 @@ typedef struct KVL_EXT_Statistics {
     uint32_t inFlight;                            /**< requests sent and not yet answered, now */
     uint32_t inFlightMax;                         /**< the most in flight at once */
     uint64_t latencyP50Us;                        /**< call latency quantiles, microseconds */
-    uint64_t latencyP90Us;
-    uint64_t latencyP99Us;
-    uint64_t latencyMaxUs;
+    uint64_t latencyP90Us;                        /**< 90th percentile, microseconds */
+    uint64_t latencyP99Us;                        /**< 99th percentile, microseconds */
+    uint64_t latencyMaxUs;                        /**< the slowest call, microseconds (exact) */
 } KVL_EXT_Statistics;
 
 /** An object an event loop can wait on: a file descriptor on Linux, an event HANDLE on Windows. */
@@ -113,41 +113,75 @@ typedef intptr_t KVL_EXT_Handle;
 
 KVL_EXTERN_C_BEGIN
 
-/** Fills `options` with the defaults and sets its size. Does nothing for NULL. */
+/** Fills `options` with the defaults and sets its size. Does nothing for NULL.
+ * @param options the record to fill */
 KVL_API void KVL_EXT_initConnectOptions(KVL_EXT_ConnectOptions* options);
 
 /** Opens a connection as KVL_openRemoteGatewayConnectionApplid does, with options.
- * Tries every address the host resolves to, in order, within connectTimeoutMs.
- * @return KVL_OK; KVL_EXT_ERR_BADOPTIONS; KVL_ERR_NULLGWTOKPTR; the open's codes
- *         (-107, -118, -132, -134, -139, ...); a KVL_EXT_ERR_TLS_ code.
- *         KVL_EXT_getLastErrorText says why an open failed. */
+ * Tries every address the host resolves to (IPv6 and IPv4), in the resolver's
+ * order, within connectTimeoutMs: each address gets an equal share of the time
+ * left, the last all of it. The same bound covers TLS and the handshake.
+ * @return KVL_OK; KVL_EXT_ERR_BADOPTIONS; KVL_ERR_NULLGWTOKPTR; KVL_ERR_BADPORT;
+ *         KVL_ERR_APPLIDTOOLONG; KVL_EXT_ERR_NOADDRESS (the name did not resolve);
+ *         KVL_ERR_CONNECTFAILED (every address refused or failed);
+ *         KVL_ERR_CONNECTTIMEOUT (the time ran out); the Gateway's refusal of
+ *         the handshake (for example KVL_ERR_WORK_WAS_REFUSED); a KVL_EXT_ERR_TLS_ code.
+ *         KVL_EXT_getLastErrorText says why an open failed.
+ * @param options the connection's settings (see KVL_EXT_ConnectOptions)
+ * @param gwTokPtr receives the new connection; written only on success */
 KVL_API int KVL_EXT_openConnection(const KVL_EXT_ConnectOptions* options, gwTok* gwTokPtr);
 
-/** Sets the deadline, in milliseconds, of the connection's synchronous calls and
- * waiting retrievals (0: none). A call whose deadline passes returns
- * ECI_ERR_RESPONSE_TIMEOUT; its late reply is read and dropped.
+/** Sets the deadline, in milliseconds, of the connection's synchronous calls
+ * (ECI, channel, ESI, list of servers) and waiting retrievals (0: none; at most
+ * 86400000). Works on any open connection, also one opened without options;
+ * takes effect for calls that start waiting after it.
+ * A call whose deadline passes returns ECI_ERR_RESPONSE_TIMEOUT with nothing
+ * of the reply in the caller's memory (a channel unlocked and unchanged); its
+ * late reply is read and dropped. Its work on the server is in doubt: see
+ * "Deadlines" in docs/extensions.md.
+ * @param token an open connection
+ * @param deadlineMs the deadline in milliseconds, 0 for none
  * @return KVL_OK, KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK, KVL_EXT_ERR_BADDEADLINE. */
 KVL_API int KVL_EXT_setCallDeadline(gwTok token, int deadlineMs);
-/** Reads the connection's deadline in milliseconds. */
+/** Reads the connection's deadline in milliseconds.
+ * @param token an open connection
+ * @param deadlineMs receives the deadline (0: none)
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK. */
 KVL_API int KVL_EXT_getCallDeadline(gwTok token, int* deadlineMs);
 
 /** The connection's completion handle: readable (signalled) exactly while async
- * replies are queued, level-triggered. It belongs to the connection and is
- * closed with it; do not close it. Collect with the non-waiting retrievals. */
+ * replies are queued, level-triggered; replies that a lost connection fails are
+ * queued too. It belongs to the connection and is closed with it; do not close
+ * it, read it or write it. Collect with the non-waiting retrievals
+ * (ECI_GET_REPLY, ECI_GET_SPECIFIC_REPLY) until ECI_ERR_NO_REPLY.
+ * @param token an open connection
+ * @param handle receives the handle
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK, KVL_EXT_ERR_NOHANDLE. */
 KVL_API int KVL_EXT_getCompletionHandle(gwTok token, KVL_EXT_Handle* handle);
 
-/** Copies the reason for the calling thread's last failure (NUL-terminated,
- * cut to bufferLength - 1 bytes). An empty text when the last call succeeded. */
+/** Copies the reason for the calling thread's last failure of an extension
+ * function or of a call that a deadline ended (NUL-terminated, cut to
+ * bufferLength - 1 bytes). An extension function that succeeds empties it.
+ * @param buffer receives the text
+ * @param bufferLength the size of buffer in bytes
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_EXT_ERR_BUFFERTOOSMALL. */
 KVL_API int KVL_EXT_getLastErrorText(char* buffer, size_t bufferLength);
 
-/** Copies the connection's figures; set stats->size first. */
+/** Copies the connection's figures without stopping its traffic; set
+ * stats->size first (a record from an earlier, shorter version gets its own fields).
+ * @param token an open connection
+ * @param stats receives the figures
+ * @return KVL_OK, KVL_ERR_NULLPTR, KVL_EXT_ERR_BADOPTIONS (size too small),
+ *         KVL_ERR_NULLGWTOK, KVL_ERR_BADGWTOK. */
 KVL_API int KVL_EXT_getStatistics(gwTok token, KVL_EXT_Statistics* stats);
 
-/** The name of any code of the library or of its extensions ("UNKNOWN" otherwise).
- * The string is static. */
+/** The name of any code of the library or of its extensions.
+ * @param rc a return code
+ * @return the code's name, "UNKNOWN" for a code no table knows; a static string. */
 KVL_API const char* KVL_EXT_getRcName(int rc);
 
-/** 1 when this build can open TLS connections, 0 when not. */
+/** Whether this build can open TLS connections.
+ * @return 1 when it can, 0 when not. */
 KVL_API int KVL_EXT_tlsAvailable(void);
 
 KVL_EXTERN_C_END

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Builds the library and runs the demo: the example programs against the bundled
-# Gateway emulator, started on a free loopback port and stopped at the end.
+# Builds what the demo needs (the library, the emulator and the examples; no
+# tests, so no test framework) and runs the example programs against the
+# bundled Gateway emulator, started on a free loopback port and stopped at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/ensure-packages.sh --tests
-cmake --preset linux >/dev/null
-cmake --build --preset linux -j "$(nproc)"
+scripts/ensure-packages.sh
+cmake --preset demo >/dev/null
+cmake --build --preset demo -j "$(nproc)"
 
-bin=build/linux/bin
+bin=build/demo/bin
 workdir=$(mktemp -d)
 emulator_pid=
 cleanup() {

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the Linux library under AddressSanitizer and
-# UndefinedBehaviorSanitizer, then KVLCLIENT.dll cross-built with MinGW-w64 and
-# the same tests under Wine, ThreadSanitizer over the concurrency and stress
-# tests, and a one-minute run of the wire fuzzer. Ends with one line: "total: N passed, M failed".
+# UndefinedBehaviorSanitizer, ThreadSanitizer over the concurrency and stress
+# tests, a one-minute run of the wire fuzzer, the Python package's tests against
+# a plain build of the library, then KVLCLIENT.dll cross-built with MinGW-w64 and
+# the same tests under Wine. Ends with one line: "total: N passed, M failed".
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -48,6 +49,41 @@ run_suite() {
   ((nfail == 0)) || status=1
 }
 
+# run_python: the Python package's pytest suite. Python cannot load a sanitised
+# library without preloading the sanitiser runtime, so it gets a plain build of
+# the library and the emulator of its own (build/python, no test programs).
+run_python() {
+  local log dir=build/python
+  log=$(mktemp)
+  echo "=== Python package: build the plain library and the emulator ==="
+  if ! cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVL_BUILD_TESTS=OFF >"$log" 2>&1 ||
+     ! cmake --build "$dir" --target kvlclient kvl-gateway-emulator -j "$jobs" >>"$log" 2>&1; then
+    tail -n 60 "$log"
+    echo "Python package: build failed"
+    failed=$((failed + 1))
+    status=1
+    return
+  fi
+  echo "=== Python package: pytest ==="
+  KVLCLIENT_LIBRARY=$PWD/$dir/lib/libkvlclient.so KVLCLIENT_EMULATOR=$PWD/$dir/bin/kvl-gateway-emulator \
+    PYTHONDONTWRITEBYTECODE=1 timeout 900 /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests 2>&1 |
+    tee "$log"
+  local rc=${PIPESTATUS[0]} summary npass nfail
+  summary=$(grep -E '^(=+ )?[0-9]+ (passed|failed|errors?)' "$log" | tail -n 1)
+  npass=$(grep -oE '[0-9]+ passed' <<<"$summary" | grep -oE '[0-9]+' || true)
+  npass=${npass:-0}
+  nfail=0
+  for n in $(grep -oE '[0-9]+ (failed|errors?)' <<<"$summary" | grep -oE '[0-9]+'); do nfail=$((nfail + n)); done
+  # Exit code 5 is "no tests collected"; any other failure without a count is one failure.
+  if ((rc != 0 && nfail == 0)); then
+    echo "Python package: pytest exited with $rc"
+    nfail=1
+  fi
+  passed=$((passed + npass))
+  failed=$((failed + nfail))
+  ((nfail == 0)) || status=1
+}
+
 if [[ -z "${KVL_SKIP_LINUX:-}" ]]; then run_suite "Linux (ASan+UBSan)" linux-asan; fi
 # ThreadSanitizer over the concurrency tests and the stress test.
 if [[ -z "${KVL_SKIP_TSAN:-}" ]]; then
@@ -58,6 +94,7 @@ if [[ -z "${KVL_SKIP_FUZZ:-}" ]]; then
   echo "=== wire fuzzer: ${KVL_FUZZ_SECONDS:-60} s ==="
   if scripts/fuzz.sh "${KVL_FUZZ_SECONDS:-60}"; then passed=$((passed + 1)); else failed=$((failed + 1)); status=1; fi
 fi
+if [[ -z "${KVL_SKIP_PYTHON:-}" ]]; then run_python; fi
 if [[ -z "${KVL_SKIP_WINDOWS:-}" ]]; then
   wineboot -i >/dev/null 2>&1 || true
   run_suite "Windows (MinGW-w64 under Wine)" windows

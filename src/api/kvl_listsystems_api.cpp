@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "comms/clapi_socketcomms.h"
+#include "ext/clapi_ext_hooks.h"
 #include "gateway/clapi_gwytok.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_testhook.h"
@@ -26,6 +27,7 @@ void freeSlot(kvlGatewayToken* token, clapiSlot* slot, int* rc, bool traced) {
         if (*rc == 0) *rc = KVL_ERR_SYSTEM_ERROR;
         return;
     }
+    clapiExtRequestEnded(token, slot, *rc, false);  // a request whose send failed
     slotFree(&token->requestTable, slot);
     if (clapiReleaseLock(&token->tableLock) != 0) {
         if (traced) CLAPI_TRACE(EXC, 1027, "API.KVL_listSystems() Failed to unlock slot table after freeing slot\n");
@@ -48,6 +50,7 @@ int markSent(kvlGatewayToken* token, clapiSlot* slot, kvlSystemInfo* List, unsig
         slot->request.eci_commarea = List;
         slot->replyCapacity = static_cast<uint64_t>(capacity) * sizeof(kvlSystemInfo);
         rc = slotMarkSent(slot);
+        if (rc == 0) clapiExtRequestStarted(token, slot, KVL_EXT_KIND_LIST);
     }
     if (clapiReleaseLock(&token->tableLock) != 0) {
         CLAPI_TRACE(EXC, 1022, "API.KVL_listSystems() Failed to unlock slot table\n");
@@ -103,6 +106,7 @@ int listSystems(kvlGatewayToken* token, unsigned short* Systems, kvlSystemInfo* 
         } else {
             rc = clapiFlowECIRequest(token->socket.load(), &header, &request);
             sent = rc == 0;
+            if (sent) clapiExtRequestWritten(token, KVL_EXT_KIND_LIST, &header);
             if (clapiReleaseLock(&token->sendLock) != 0) {
                 CLAPI_TRACE(EXC, 1025, "API.KVL_listSystems() Failed to release send lock\n");
                 if (rc == 0) rc = KVL_ERR_SYSTEM_ERROR;
@@ -110,7 +114,8 @@ int listSystems(kvlGatewayToken* token, unsigned short* Systems, kvlSystemInfo* 
         }
     }
     if (sent) {
-        rc = clapiWaitEvent(&slot->event);
+        rc = clapiExtAwaitReply(token, slot);
+        if (rc == ECI_ERR_RESPONSE_TIMEOUT) return rc;  // the slot now belongs to the receiver thread
         if (rc == 0) {
             if (slot->replyRc != 0) {
                 rc = slot->replyRc;

@@ -101,24 +101,24 @@ KVL_API int KVL_setAPITraceFile(const char* traceFile) {
 }
 
 KVL_API void KVL_setAPITraceDataLength(int dataLength) {
-    CLAPI_TRACE(ENTRY, 1048, "API.KVL_setAPITraceDataLength(dataLength=%lu)\n", (unsigned long)dataLength);
+    CLAPI_TRACE(ENTRY, 1048, "API.KVL_setAPITraceDataLength(dataLength=%lu)\n", clapiLu(dataLength));
     clapiRequestLock(&clapiTrace.traceLock);
     int old = clapiTrace.dataLength;
     clapiTrace.dataLength = dataLength;
     clapiReleaseLock(&clapiTrace.traceLock);
     CLAPI_TRACE(DEBUG, 1049, "API.KVL_setAPITraceDataLength() Trace data truncation length changed from %lu to %lu\n",
-                (unsigned long)old, (unsigned long)dataLength);
+                clapiLu(old), clapiLu(dataLength));
     CLAPI_TRACE(EXIT, 1050, "API.KVL_setAPITraceDataLength()\n");
 }
 
 KVL_API void KVL_setAPITraceDataOffset(int dataOffset) {
-    CLAPI_TRACE(ENTRY, 1051, "API.KVL_setAPITraceDataOffset(dataOffset=%lu)\n", (unsigned long)dataOffset);
+    CLAPI_TRACE(ENTRY, 1051, "API.KVL_setAPITraceDataOffset(dataOffset=%lu)\n", clapiLu(dataOffset));
     clapiRequestLock(&clapiTrace.traceLock);
     int old = clapiTrace.dataOffset;
     clapiTrace.dataOffset = dataOffset;
     clapiReleaseLock(&clapiTrace.traceLock);
     CLAPI_TRACE(DEBUG, 1052, "API.KVL_setAPITraceDataOffset() Trace data offset changed from %lu to %lu\n",
-                (unsigned long)old, (unsigned long)dataOffset);
+                clapiLu(old), clapiLu(dataOffset));
     CLAPI_TRACE(EXIT, 1053, "API.KVL_setAPITraceDataOffset()\n");
 }
 
@@ -126,7 +126,7 @@ KVL_API int KVL_dumpState(void) {
     CLAPI_TRACE(ENTRY, 1046, "API.KVL_dumpState()\n");
     clapiTraceOutputBegin();
     clapiTraceOutputPrintf("kvlclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
-                           "9.1.0.4", clapiTraceLevel.load(), clapiTraceFileName());
+                           KVL_DLL_VERSION, clapiTraceLevel.load(), clapiTraceFileName());
     clapiTraceOutputEnd();
     clapiDumpGatewayTokens();
     KVL_ECI_dumpChannels();

@@ -91,7 +91,7 @@ void writeChannel(sockBuffer* sb, kvlChannel* channel) {
     for (const kvlContainer* c = channel->firstCont; c; c = c->nextCont) {
         CLAPI_TRACE(EVENT, 3246,
                     "clapi_socketcomms.writeChannel() Writing container \"%.16s\", type=%s, CCSID=%d, data length=%lu\n",
-                    c->name, typeName(c->type), (int)c->ccsid, (unsigned long)c->dataLength);
+                    c->name, typeName(c->type), (int)c->ccsid, clapiLu(c->dataLength));
         writeBytes(sb, c->name, NAME_LEN);
         writeByte(sb, STATE_ADDED);
         writeByte(sb, 0);
@@ -99,11 +99,12 @@ void writeChannel(sockBuffer* sb, kvlChannel* channel) {
         writeByte(sb, static_cast<uint8_t>(c->type));
         writeInt(sb, static_cast<uint32_t>(c->ccsid));
         writeInt(sb, static_cast<uint32_t>(c->dataLength));
-        if (c->dataLength != 0 && c->dataPtr) {
+        // An empty container is written and dumped like any other (nothing to copy, same trace).
+        if (c->dataLength == 0 || c->dataPtr) {
             writeBytes(sb, c->dataPtr, c->dataLength);
             CLAPI_TRACE_DATA(3247, c->dataPtr, static_cast<size_t>(c->dataLength),
                              "clapi_socketcomms.writeChannel() data=%p len=%lu stopword=%8.8X\n",
-                             static_cast<void*>(c->dataPtr), (unsigned long)c->dataLength, 0u);
+                             static_cast<void*>(c->dataPtr), clapiLu(c->dataLength), 0u);
         }
     }
     CLAPI_TRACE(EXIT, 3216, "clapi_socketcomms.writeChannel()\n");
@@ -133,14 +134,14 @@ int readChannel(sockBuffer* sb, kvlChannel* channel) {
         rc = sockBufferErrorRc(sb);
     } else if (count < 0 || static_cast<uint64_t>(count) > sockBufferFlowRemaining(sb) / ENTRY_HEADER_LEN) {
         CLAPI_TRACE(EXC, 3254, "clapi_socketcomms.readChannel() Container count %d exceeds what %lu bytes can hold\n",
-                    (int)count, (unsigned long)sockBufferFlowRemaining(sb));
+                    (int)count, clapiLu(sockBufferFlowRemaining(sb)));
         rc = ECI_ERR_SYSTEM_ERROR;
     }
 
     for (int32_t i = 0; i < count && rc == 0; ++i) {
         if (sockBufferFlowRemaining(sb) < ENTRY_HEADER_LEN) {
             CLAPI_TRACE(EXC, 3255, "clapi_socketcomms.readChannel() Entry %d of %d is cut short, %lu bytes left\n",
-                        (int)(i + 1), (int)count, (unsigned long)sockBufferFlowRemaining(sb));
+                        (int)(i + 1), (int)count, clapiLu(sockBufferFlowRemaining(sb)));
             rc = ECI_ERR_SYSTEM_ERROR;
             break;
         }
@@ -162,7 +163,7 @@ int readChannel(sockBuffer* sb, kvlChannel* channel) {
         if (carriesData && temp.dataLength > sockBufferFlowRemaining(sb)) {
             CLAPI_TRACE(EXC, 3256,
                         "clapi_socketcomms.readChannel() Container \"%.16s\" announces %lu bytes, %lu bytes left in flow\n",
-                        temp.name, (unsigned long)temp.dataLength, (unsigned long)sockBufferFlowRemaining(sb));
+                        temp.name, clapiLu(temp.dataLength), clapiLu(sockBufferFlowRemaining(sb)));
             rc = ECI_ERR_SYSTEM_ERROR;
             break;
         }
@@ -171,7 +172,7 @@ int readChannel(sockBuffer* sb, kvlChannel* channel) {
                 CLAPI_TRACE(EVENT, 3219,
                             "clapi_socketcomms.readChannel() Container \"%.16s\" ADDED in ORIS, type=%s, CCSID=%d, data "
                             "length=%lu\n",
-                            temp.name, typeName(temp.type), (int)temp.ccsid, (unsigned long)temp.dataLength);
+                            temp.name, typeName(temp.type), (int)temp.ccsid, clapiLu(temp.dataLength));
                 rc = addContainer(sb, channel, &temp);
                 break;
             case STATE_DELETED:
@@ -180,7 +181,7 @@ int readChannel(sockBuffer* sb, kvlChannel* channel) {
                 break;
             case STATE_MODIFIED:
                 CLAPI_TRACE(EVENT, 3221, "clapi_socketcomms.readChannel() Container \"%.16s\" MODIFIED in ORIS, new length=%lu\n",
-                            temp.name, (unsigned long)temp.dataLength);
+                            temp.name, clapiLu(temp.dataLength));
                 rc = modifyContainer(sb, channel, &temp);
                 break;
             case STATE_UNCHANGED:
@@ -204,7 +205,7 @@ int addContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont) {
         data = readContainerData(sb, tempCont->dataLength, &noMemory);
         if (noMemory) {
             CLAPI_TRACE(EXC, 3238, "clapi_socketcomms.addContainer() Failed to allocate %lu bytes for container data\n",
-                        (unsigned long)tempCont->dataLength);
+                        clapiLu(tempCont->dataLength));
             rc = ECI_ERR_MEMORY_SHORTAGE;
         } else if (sb->lastError != 0) {
             rc = sockBufferErrorRc(sb);
@@ -215,7 +216,7 @@ int addContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont) {
         container = static_cast<kvlContainer*>(calloc(1, sizeof(kvlContainer)));
         if (!container) {
             CLAPI_TRACE(EXC, 3225, "clapi_socketcomms.addContainer() Failed to allocate %lu bytes for new container\n",
-                        (unsigned long)sizeof(kvlContainer));
+                        clapiLu(sizeof(kvlContainer)));
             rc = ECI_ERR_MEMORY_SHORTAGE;
         }
     }
@@ -231,7 +232,7 @@ int addContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont) {
         clapiReleaseLock(&channel->serlock);
         CLAPI_TRACE_DATA(3248, data, static_cast<size_t>(data ? container->dataLength : 0),
                          "clapi_socketcomms.addContainer() data=%p len=%lu stopword=%8.8X\n", static_cast<void*>(data),
-                         (unsigned long)container->dataLength, 0u);
+                         clapiLu(container->dataLength), 0u);
     }
     CLAPI_TRACE(EXIT, 3226, "clapi_socketcomms.addContainer() rc=%d\n", rc);
     return rc;
@@ -289,7 +290,7 @@ int modifyContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont)
         if (tempCont->dataLength != found->dataLength) {
             if (found->dataPtr) {
                 CLAPI_TRACE(DEBUG, 3234, "clapi_socketcomms.modifyContainer() Freeing %lu bytes of container data (%p)\n",
-                            (unsigned long)found->dataLength, static_cast<void*>(found->dataPtr));
+                            clapiLu(found->dataLength), static_cast<void*>(found->dataPtr));
                 oldData = found->dataPtr;
             }
             data = nullptr;
@@ -299,7 +300,7 @@ int modifyContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont)
                 if (noMemory) {
                     CLAPI_TRACE(EXC, 3235,
                                 "clapi_socketcomms.modifyContainer() Failed to allocate %lu bytes for container data\n",
-                                (unsigned long)tempCont->dataLength);
+                                clapiLu(tempCont->dataLength));
                     rc = ECI_ERR_MEMORY_SHORTAGE;
                 } else if (!data) {
                     rc = sockBufferErrorRc(sb);  // the container is left empty
@@ -327,7 +328,7 @@ int modifyContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont)
         if (rc == 0) {
             CLAPI_TRACE_DATA(3249, data, static_cast<size_t>(data ? found->dataLength : 0),
                              "clapi_socketcomms.modifyContainer() data=%p len=%lu stopword=%8.8X\n",
-                             static_cast<void*>(data), (unsigned long)found->dataLength, 0u);
+                             static_cast<void*>(data), clapiLu(found->dataLength), 0u);
             if (sb->lastError != 0) rc = sockBufferErrorRc(sb);
         }
     }

@@ -104,7 +104,7 @@ uint64_t readIntoCapacity(sockBuffer* sb, uint8_t* dest, uint64_t capacity, uint
         CLAPI_TRACE(EXC, 3252,
                     "clapi_socketcomms.clapiReadECIResponse() Reply carries %lu bytes, buffer holds %lu; "
                     "discarding %lu\n",
-                    (unsigned long)count, (unsigned long)stored, (unsigned long)(count - stored));
+                    clapiLu(count), clapiLu(stored), clapiLu(count - stored));
     readBytes(sb, dest, stored);
     skipBytes(sb, count - stored);
     return stored;
@@ -114,7 +114,7 @@ uint64_t readIntoCapacity(sockBuffer* sb, uint8_t* dest, uint64_t capacity, uint
 bool lengthFits(sockBuffer* sb, int32_t length, const char* what) {
     if (length >= 0 && static_cast<uint64_t>(length) <= sockBufferFlowRemaining(sb)) return true;
     CLAPI_TRACE(EXC, 3251, "clapi_socketcomms.clapiReadECIResponse() Invalid %s length %d, %lu bytes left in flow\n",
-                what, (int)length, (unsigned long)sockBufferFlowRemaining(sb));
+                what, (int)length, clapiLu(sockBufferFlowRemaining(sb)));
     return false;
 }
 
@@ -194,7 +194,7 @@ int32_t calculateECIRequestSize(EciRequest* request) {
 
 int clapiFlowECIRequest(platformSocket socketDesc, flowHeader* header, EciRequest* request) {
     CLAPI_TRACE(ENTRY, 3204, "clapi_socketcomms.clapiFlowECIRequest(socketDesc=%lu, header=%p, request=%p)\n",
-                (unsigned long)socketDesc, static_cast<void*>(header), static_cast<void*>(request));
+                clapiLu(socketDesc), static_cast<void*>(header), static_cast<void*>(request));
     header->bodyLen = static_cast<uint32_t>(calculateECIRequestSize(request));
     int rc = clapiSendFlow(socketDesc, header, writeEciBody, request);
     CLAPI_TRACE(EXIT, 3205, "clapi_socketcomms.clapiFlowECIRequest() rc=%d\n", rc);

@@ -47,7 +47,7 @@ int32_t calculateESIRequestSize(EsiRequest* request) {
 // The write buffer is freed once the flow is sent, like every other flow's.
 int clapiFlowESIRequest(platformSocket socketDesc, flowHeader* header, EsiRequest* request) {
     CLAPI_TRACE(ENTRY, 3239, "clapi_socketcomms.clapiFlowESIRequest(socketDesc=%lu, header=%p, request=%p)\n",
-                (unsigned long)socketDesc, static_cast<void*>(header), static_cast<void*>(request));
+                clapiLu(socketDesc), static_cast<void*>(header), static_cast<void*>(request));
     header->bodyLen = static_cast<uint32_t>(calculateESIRequestSize(request));
     int rc = clapiSendFlow(socketDesc, header, writeEsiBody, request);
     CLAPI_TRACE(EXIT, 3240, "clapi_socketcomms.clapiFlowESIRequest() rc=%d\n", rc);
@@ -59,7 +59,7 @@ void clapiReadESIResponse(sockBuffer* sb, EsiResponse* response) {
                 static_cast<void*>(sb), static_cast<void*>(response));
     if (sockBufferFlowRemaining(sb) < 4) {
         CLAPI_TRACE(EXC, 3257, "clapi_socketcomms.clapiReadESIResponse() Reply holds %lu bytes, %lu needed\n",
-                    (unsigned long)sockBufferFlowRemaining(sb), 4ul);
+                    clapiLu(sockBufferFlowRemaining(sb)), 4ul);
         response->rc = ESI_ERR_SYSTEM_ERROR;
     } else {
         response->rc = static_cast<int32_t>(readInt(sb));
@@ -69,7 +69,7 @@ void clapiReadESIResponse(sockBuffer* sb, EsiResponse* response) {
             if (sockBufferFlowRemaining(sb) < DETAIL_VALUES * 4) {
                 // A short reply leaves the details untouched rather than half filled.
                 CLAPI_TRACE(EXC, 3257, "clapi_socketcomms.clapiReadESIResponse() Reply holds %lu bytes, %lu needed\n",
-                            (unsigned long)sockBufferFlowRemaining(sb), (unsigned long)(DETAIL_VALUES * 4));
+                            clapiLu(sockBufferFlowRemaining(sb)), clapiLu(DETAIL_VALUES * 4));
                 response->rc = ESI_ERR_SYSTEM_ERROR;
             } else {
                 // The wire carries the times as first, third, second.

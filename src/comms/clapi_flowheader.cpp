@@ -83,8 +83,12 @@ void writeHeader(sockBuffer* sb, const flowHeader* header) {
     writeInt(sb, static_cast<uint32_t>(header->messageId));
     writeInt(sb, static_cast<uint32_t>(header->rc));
     writeInt(sb, header->requestTypeLen);
-    // A length beyond the field is padded with zeros rather than read past it.
-    writePaddedBytes(sb, header->requestType, sizeof header->requestType, header->requestTypeLen);
+    if (header->requestTypeLen <= sizeof header->requestType) {
+        writeBytes(sb, header->requestType, header->requestTypeLen);
+    } else {
+        // A length beyond the field is padded with zeros rather than read past it.
+        writePaddedBytes(sb, header->requestType, sizeof header->requestType, header->requestTypeLen);
+    }
     writeByte(sb, header->flags);
     writeInt(sb, header->bodyLen);
     CLAPI_TRACE(EXIT, 3211, "clapi_socketcomms.writeHeader()\n");
@@ -113,7 +117,7 @@ int clapiReadHeader(sockBuffer* sb, flowHeader* header) {
         header->flags = 0;
         if (header->requestTypeLen > sizeof header->requestType) {
             CLAPI_TRACE(EXC, 3250, "clapi_socketcomms.clapiReadHeader() Request type length %lu exceeds %lu\n",
-                        (unsigned long)header->requestTypeLen, (unsigned long)sizeof header->requestType);
+                        clapiLu(header->requestTypeLen), clapiLu(sizeof header->requestType));
             rc = KVL_ERR_SYSTEM_ERROR;
         }
     }
@@ -132,7 +136,7 @@ int clapiReadHeader(sockBuffer* sb, flowHeader* header) {
 int clapiFlowHandshakeRequest(platformSocket socketDesc, const char* applid, const char* applidQualifier) {
     CLAPI_TRACE(ENTRY, 3200,
                 "clapi_socketcomms.clapiFlowHandshakeRequest(socketDesc=%lu, applid=%s, applidQualifier=%s)\n",
-                (unsigned long)socketDesc, applid ? applid : "NULL", applidQualifier ? applidQualifier : "NULL");
+                clapiLu(socketDesc), applid ? applid : "NULL", applidQualifier ? applidQualifier : "NULL");
     char applidUtf8[APPLID_UTF8_AREA];
     char qualifierUtf8[APPLID_UTF8_AREA];
     latin1ToUtf8(applid, applidUtf8);
@@ -148,10 +152,14 @@ int clapiFlowHandshakeRequest(platformSocket socketDesc, const char* applid, con
 }
 
 int clapiFlowCloseRequest(platformSocket socketDesc) {
-    CLAPI_TRACE(ENTRY, 3208, "clapi_socketcomms.clapiFlowCloseRequest(socketDesc=%lu)\n", (unsigned long)socketDesc);
+    CLAPI_TRACE(ENTRY, 3208, "clapi_socketcomms.clapiFlowCloseRequest(socketDesc=%lu)\n", clapiLu(socketDesc));
     flowHeader header;
     clapiInitFlowHeader(&header, FLOW_CLOSE, FLOW_MSGID_CLOSE, "BASE");
     int rc = clapiSendFlow(socketDesc, &header, nullptr, nullptr);
     CLAPI_TRACE(EXIT, 3209, "clapi_socketcomms.clapiFlowCloseRequest() rc=%d\n", rc);
     return rc;
+}
+
+uint64_t clapiFlowLength(const flowHeader* header) {
+    return uint64_t{HEADER_FIXED_LEN} + header->requestTypeLen + header->bodyLen;
 }

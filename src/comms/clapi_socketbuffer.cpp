@@ -30,10 +30,10 @@ int initBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen, bool
     if (sb->bufferStart && size <= sb->bufferSize) {
         if (forWrite)
             CLAPI_TRACE(DEBUG, 2503, "clapi_socketbuffer.initWriteBuffer() Reusing existing buffer of %lu bytes\n",
-                        (unsigned long)sb->bufferSize);
+                        clapiLu(sb->bufferSize));
         else
             CLAPI_TRACE(DEBUG, 2513, "clapi_socketbuffer.initReadBuffer() Reusing existing buffer of %lu bytes\n",
-                        (unsigned long)sb->bufferSize);
+                        clapiLu(sb->bufferSize));
         clapiFreeMaskedList(sb->maskedList);
     } else {
         if (sb->bufferStart) {
@@ -49,18 +49,18 @@ int initBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen, bool
         if (!buffer) {
             if (forWrite)
                 CLAPI_TRACE(EXC, 2501, "clapi_socketbuffer.initWriteBuffer() Failed to allocate %lu bytes for buffer\n",
-                            (unsigned long)size);
+                            clapiLu(size));
             else
                 CLAPI_TRACE(EXC, 2511, "clapi_socketbuffer.initReadBuffer() Failed to allocate %lu bytes for buffer\n",
-                            (unsigned long)size);
+                            clapiLu(size));
             return KVL_ERR_MALLOCFAIL;
         }
         if (forWrite)
             CLAPI_TRACE(DEBUG, 2502, "clapi_socketbuffer.initWriteBuffer() Allocated new buffer of %lu bytes\n",
-                        (unsigned long)size);
+                        clapiLu(size));
         else
             CLAPI_TRACE(DEBUG, 2512, "clapi_socketbuffer.initReadBuffer() Allocated new buffer of %lu bytes\n",
-                        (unsigned long)size);
+                        clapiLu(size));
         sb->bufferStart = buffer;
         sb->bufferSize = size;
     }
@@ -103,7 +103,7 @@ long long clapiSendAll(platformSocket s, const uint8_t* data, uint64_t len, int*
 
 int initWriteBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen) {
     CLAPI_TRACE(ENTRY, 2500, "clapi_socketbuffer.initWriteBuffer(sockBuffer=%p, socketDesc=%lu, dataLen=%lu)\n",
-                static_cast<void*>(sb), (unsigned long)socketDesc, (unsigned long)dataLen);
+                static_cast<void*>(sb), clapiLu(socketDesc), clapiLu(dataLen));
     int rc = initBuffer(sb, socketDesc, dataLen, true);
     CLAPI_TRACE(EXIT, 2509, "clapi_socketbuffer.initWriteBuffer() rc=%d\n", rc);
     return rc;
@@ -111,7 +111,7 @@ int initWriteBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen)
 
 int initReadBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen) {
     CLAPI_TRACE(ENTRY, 2510, "clapi_socketbuffer.initReadBuffer(sockBuffer=%p, socketDesc=%lu, dataLen=%lu)\n",
-                static_cast<void*>(sb), (unsigned long)socketDesc, (unsigned long)dataLen);
+                static_cast<void*>(sb), clapiLu(socketDesc), clapiLu(dataLen));
     int rc = initBuffer(sb, socketDesc, dataLen, false);
     CLAPI_TRACE(EXIT, 2515, "clapi_socketbuffer.initReadBuffer() rc=%d\n", rc);
     return rc;

@@ -16,7 +16,7 @@ bool pushRegion(sockBuffer* sb, uint8_t* dst, uint64_t len, const char* function
     auto* region = static_cast<maskedRegion*>(calloc(1, sizeof(maskedRegion) + len));
     if (!region) {
         CLAPI_TRACE(EXC, 2574, "clapi_socketbuffer.%s() Failed to allocate %lu bytes for masked region\n", function,
-                    (unsigned long)(sizeof(maskedRegion) + len));
+                    clapiLu(sizeof(maskedRegion) + len));
         // Without its region the secret would reach the trace, so the flow is not sent.
         clapiSockBufferFail(sb, SOCKBUFFER_ERR_NO_MEMORY);
         return false;
@@ -47,13 +47,13 @@ void storeMasked(sockBuffer* sb, const uint8_t* in, uint64_t n, uint64_t fieldLe
 void writeBytesMasked(sockBuffer* sb, const void* data, uint64_t dataLen) {
     if (dataLen == 0 || !data) {
         CLAPI_TRACE(EXC, 2573, "clapi_socketbuffer.writeBytesMasked() Refusing to mask %lu bytes at %p\n",
-                    (unsigned long)dataLen, data);
+                    clapiLu(dataLen), data);
         return;
     }
     if (sb->bufferLen + dataLen > sb->bufferSize) {
         CLAPI_TRACE(DEBUG, 2570,
                     "clapi_socketbuffer.writeBytesMasked() Insufficient space in buffer %p to write %lu bytes\n",
-                    static_cast<void*>(sb->bufferStart), (unsigned long)dataLen);
+                    static_cast<void*>(sb->bufferStart), clapiLu(dataLen));
         flushBuffer(sb);
     }
     if (sb->lastError != 0) return;
@@ -64,7 +64,7 @@ void writePaddedBytesMasked(sockBuffer* sb, const void* data, uint64_t dataLen, 
     if (sb->bufferLen + fieldLen > sb->bufferSize) {
         CLAPI_TRACE(DEBUG, 2571,
                     "clapi_socketbuffer.writePaddedBytesMasked() Insufficient space in buffer %p to write %lu bytes\n",
-                    static_cast<void*>(sb->bufferStart), (unsigned long)fieldLen);
+                    static_cast<void*>(sb->bufferStart), clapiLu(fieldLen));
         flushBuffer(sb);
     }
     if (sb->lastError != 0) return;

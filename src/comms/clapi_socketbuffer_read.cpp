@@ -12,7 +12,7 @@ namespace {
 // A decoder asked for bytes the flow does not have: nothing is consumed, the buffer dies.
 void flowOverrun(sockBuffer* sb, const char* function, uint64_t wanted) {
     CLAPI_TRACE(EXC, 2535, "clapi_socketbuffer.%s() Flow has %lu bytes left, %lu bytes wanted\n", function,
-                (unsigned long)sockBufferFlowRemaining(sb), (unsigned long)wanted);
+                clapiLu(sockBufferFlowRemaining(sb)), clapiLu(wanted));
     clapiSockBufferFail(sb, SOCKBUFFER_ERR_FLOW_OVERRUN);
 }
 
@@ -49,7 +49,7 @@ int fillBuffer(sockBuffer* sb) {
     uint8_t* pos = sb->bufferStart;
     if (sb->bufferLen > 0) {
         CLAPI_TRACE(DEBUG, 2541, "clapi_socketbuffer.fillBuffer() %lu bytes already in buffer %p\n",
-                    (unsigned long)sb->bufferLen, static_cast<void*>(sb->bufferStart));
+                    clapiLu(sb->bufferLen), static_cast<void*>(sb->bufferStart));
         memmove(sb->bufferStart, sb->bufferPos, sb->bufferLen);
         pos = sb->bufferStart + sb->bufferLen;
     }
@@ -59,7 +59,7 @@ int fillBuffer(sockBuffer* sb) {
     bool failed = false;
     while (count < want) {
         CLAPI_TRACE(DEBUG, 2542, "clapi_socketbuffer.fillBuffer() Attempting to read %lu bytes\n",
-                    (unsigned long)(want - count));
+                    clapiLu(want - count));
         last = platformRecv(sb->socketDesc, pos + count, static_cast<size_t>(want - count));
         if (last < 1) {
             failed = true;
@@ -80,11 +80,11 @@ int fillBuffer(sockBuffer* sb) {
     if (count > 0) {
         CLAPI_TRACE_DATA(2544, sb->bufferStart, static_cast<size_t>(count),
                          "clapi_socketbuffer.fillBuffer() data=%p len=%lu stopword=%8.8X\n",
-                         static_cast<void*>(sb->bufferStart), (unsigned long)count, 0u);
+                         static_cast<void*>(sb->bufferStart), clapiLu(count), 0u);
         sb->bufferLen += count;
         sb->dataRemaining -= count;
         CLAPI_TRACE(DEBUG, 2545, "clapi_socketbuffer.fillBuffer() Read %d bytes, %lu bytes remaining\n", (int)last,
-                    (unsigned long)sb->dataRemaining);
+                    clapiLu(sb->dataRemaining));
     }
     sb->bufferPos = sb->bufferStart;
     CLAPI_TRACE(EXIT, 2549, "clapi_socketbuffer.fillBuffer() rc=%d\n", rc);
@@ -130,7 +130,7 @@ uint32_t readInt(sockBuffer* sb) {
 
 void readBytes(sockBuffer* sb, void* data, uint64_t dataLen) {
     CLAPI_TRACE(ENTRY, 2530, "clapi_socketbuffer.readBytes(sockBuffer=%p, data=%p, dataLen=%lu)\n",
-                static_cast<void*>(sb), data, (unsigned long)dataLen);
+                static_cast<void*>(sb), data, clapiLu(dataLen));
     auto* out = static_cast<uint8_t*>(data);
     if (sb->lastError != 0 || dataLen == 0) {
         // dead, or nothing to do
@@ -144,7 +144,7 @@ void readBytes(sockBuffer* sb, void* data, uint64_t dataLen) {
         uint64_t need = dataLen - have;
         if (need <= sb->bufferSize) {
             CLAPI_TRACE(DEBUG, 2534, "clapi_socketbuffer.readBytes() Read %lu bytes from buffer %p, %lu more bytes needed\n",
-                        (unsigned long)have, static_cast<void*>(sb->bufferStart), (unsigned long)need);
+                        clapiLu(have), static_cast<void*>(sb->bufferStart), clapiLu(need));
             if (refillFor(sb, need, "readBytes")) take(sb, out + have, need);
         } else {
             // Larger than the buffer: straight into the caller's memory.
@@ -165,15 +165,15 @@ void readBytes(sockBuffer* sb, void* data, uint64_t dataLen) {
                 uint64_t fromSocket = got - have;
                 CLAPI_TRACE_DATA(2532, out + have, static_cast<size_t>(fromSocket),
                                  "clapi_socketbuffer.readBytes() data=%p len=%lu stopword=%8.8X\n",
-                                 static_cast<void*>(out + have), (unsigned long)fromSocket, 0u);
+                                 static_cast<void*>(out + have), clapiLu(fromSocket), 0u);
                 sb->bufferLen = 0;
                 sb->dataRemaining -= fromSocket;
                 sb->bufferPos = sb->bufferStart;
                 CLAPI_TRACE(DEBUG, 2533,
                             "clapi_socketbuffer.readBytes() Read %lu bytes from buffer %p, %lu bytes from socket %lu, "
                             "%lu bytes remaining\n",
-                            (unsigned long)have, static_cast<void*>(sb->bufferStart), (unsigned long)fromSocket,
-                            (unsigned long)sb->socketDesc, (unsigned long)sb->dataRemaining);
+                            clapiLu(have), static_cast<void*>(sb->bufferStart), clapiLu(fromSocket),
+                            clapiLu(sb->socketDesc), clapiLu(sb->dataRemaining));
             }
         }
     }
@@ -182,7 +182,7 @@ void readBytes(sockBuffer* sb, void* data, uint64_t dataLen) {
 
 void skipBytes(sockBuffer* sb, uint64_t dataLen) {
     if (sb->lastError != 0 || dataLen == 0) return;
-    CLAPI_TRACE(DEBUG, 2537, "clapi_socketbuffer.skipBytes() Discarding %lu bytes\n", (unsigned long)dataLen);
+    CLAPI_TRACE(DEBUG, 2537, "clapi_socketbuffer.skipBytes() Discarding %lu bytes\n", clapiLu(dataLen));
     if (dataLen > sockBufferFlowRemaining(sb)) {
         flowOverrun(sb, "skipBytes", dataLen);
         return;

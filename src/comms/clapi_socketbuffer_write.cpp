@@ -29,7 +29,7 @@ int flushBuffer(sockBuffer* sb) {
             clapiHideMaskedRegions(sb);
             clapiTraceWriteData(2526, sb->bufferStart, static_cast<size_t>(sb->bufferLen),
                                 "clapi_socketbuffer.flushBuffer() data=%p len=%lu stopword=%8.8X\n",
-                                static_cast<void*>(sb->bufferStart), (unsigned long)sb->bufferLen, 0u);
+                                static_cast<void*>(sb->bufferStart), clapiLu(sb->bufferLen), 0u);
             clapiRestoreMaskedRegions(sb);
         }
         int error = 0;
@@ -47,7 +47,7 @@ int flushBuffer(sockBuffer* sb) {
             clapiFreeMaskedList(sb->maskedList);
             sb->maskedList = nullptr;
             CLAPI_TRACE(DEBUG, 2527, "clapi_socketbuffer.flushBuffer() Sent %d bytes, %lu bytes remaining\n", (int)sent,
-                        (unsigned long)sb->dataRemaining);
+                        clapiLu(sb->dataRemaining));
         }
     }
     CLAPI_TRACE(EXIT, 2529, "clapi_socketbuffer.flushBuffer() rc=%d\n", rc);
@@ -89,12 +89,12 @@ void writeInt(sockBuffer* sb, uint32_t value) {
 
 void writeBytes(sockBuffer* sb, const void* data, uint64_t dataLen) {
     CLAPI_TRACE(ENTRY, 2560, "clapi_socketbuffer.writeBytes(sockBuffer=%p, data=%p, dataLen=%lu)\n",
-                static_cast<void*>(sb), data, (unsigned long)dataLen);
+                static_cast<void*>(sb), data, clapiLu(dataLen));
     const auto* bytes = static_cast<const uint8_t*>(data);
     bool flushed = true;
     if (sb->bufferLen + dataLen > sb->bufferSize) {
         CLAPI_TRACE(DEBUG, 2561, "clapi_socketbuffer.writeBytes() Insufficient space in buffer %p to write %lu bytes\n",
-                    static_cast<void*>(sb->bufferStart), (unsigned long)dataLen);
+                    static_cast<void*>(sb->bufferStart), clapiLu(dataLen));
         flushed = flushBuffer(sb) == 0;
     }
     if (flushed && sb->lastError == 0 && dataLen != 0) {
@@ -104,7 +104,7 @@ void writeBytes(sockBuffer* sb, const void* data, uint64_t dataLen) {
                         static_cast<void*>(sb->bufferStart), (int)sb->socketDesc);
             CLAPI_TRACE_DATA(2563, bytes, static_cast<size_t>(dataLen),
                              "clapi_socketbuffer.writeBytes() data=%p len=%lu stopword=%8.8X\n", data,
-                             (unsigned long)dataLen, 0u);
+                             clapiLu(dataLen), 0u);
             int error = 0;
             long long sent = clapiSendAll(sb->socketDesc, bytes, dataLen, &error);
             if (sent < 0) {
@@ -115,7 +115,7 @@ void writeBytes(sockBuffer* sb, const void* data, uint64_t dataLen) {
             } else {
                 sb->dataRemaining = sb->dataRemaining > dataLen ? sb->dataRemaining - dataLen : 0;
                 CLAPI_TRACE(DEBUG, 2564, "clapi_socketbuffer.writeBytes() Sent %u bytes, %lu bytes remaining\n",
-                            (unsigned)sent, (unsigned long)sb->dataRemaining);
+                            (unsigned)sent, clapiLu(sb->dataRemaining));
             }
         } else {
             storeCopy(sb, bytes, dataLen);
@@ -128,7 +128,7 @@ void writePaddedBytes(sockBuffer* sb, const void* data, uint64_t dataLen, uint64
     if (sb->bufferLen + fieldLen > sb->bufferSize) {
         CLAPI_TRACE(DEBUG, 2572,
                     "clapi_socketbuffer.writePaddedBytes() Insufficient space in buffer %p to write %lu bytes\n",
-                    static_cast<void*>(sb->bufferStart), (unsigned long)fieldLen);
+                    static_cast<void*>(sb->bufferStart), clapiLu(fieldLen));
         flushBuffer(sb);
     }
     if (sb->lastError != 0) return;

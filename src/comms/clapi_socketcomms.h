@@ -44,6 +44,8 @@ struct flowHeader {
 void clapiInitFlowHeader(flowHeader* header, int32_t type, int32_t messageId, const char* requestType);
 
 void writeHeader(sockBuffer* sb, const flowHeader* header);
+// Bytes of the whole flow on the wire: header, request type and body.
+uint64_t clapiFlowLength(const flowHeader* header);
 // 0, a socket buffer code, or -9 for a bad eyecatcher or a request type longer than the field.
 int clapiReadHeader(sockBuffer* sb, flowHeader* header);
 int clapiFlowHandshakeRequest(platformSocket socketDesc, const char* applid, const char* applidQualifier);

@@ -66,7 +66,7 @@ int clapiChannelIsListed(const kvlChannel* channel) {
     return listed;
 }
 
-int clapiHoldListedChannel(kvlChannel* channel) {
+int clapiUseListedChannel(kvlChannel* channel) {
     if (clapiRequestLock(&clapiChannelListLock) != 0) return ECI_ERR_LOCKFAIL;
     bool listed = false;
     for (const kvlChannel* c = clapiChannelListHead; c; c = c->nextChannel) {
@@ -81,7 +81,13 @@ int clapiHoldListedChannel(kvlChannel* channel) {
         CLAPI_TRACE(EXC, 1462, "clapi_channel.lockChannel() chanTok (%p) is not a channel\n", (void*)channel);
         return ECI_ERR_INVALID_CHANNEL;
     }
-    int rc = lockChannel(channel);
+    return 0;
+}
+
+int clapiHoldListedChannel(kvlChannel* channel) {
+    int rc = clapiUseListedChannel(channel);
+    if (rc != 0) return rc;
+    rc = lockChannel(channel);
     if (rc != ECI_NO_ERROR && clapiEndChannelUse(channel)) clapiFreeChannelRecord(channel);
     return rc;
 }

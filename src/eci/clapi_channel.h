@@ -68,6 +68,9 @@ kvlContainer* clapiFindContainer(kvlChannel* channel, const char* name, kvlConta
 // followed) or the channel was deleted while this call waited for it;
 // ECI_ERR_LOCKFAIL when the list lock fails.
 int clapiHoldListedChannel(kvlChannel* channel);
+// Counts a use of a listed channel without locking it: 0, ECI_ERR_INVALID_CHANNEL
+// (not on the list, never followed) or ECI_ERR_LOCKFAIL. Ended by clapiEndChannelUse.
+int clapiUseListedChannel(kvlChannel* channel);
 // unlockChannel and the end of the use; the last user of a deleted channel frees it.
 int clapiReleaseListedChannel(kvlChannel* channel);
 // Ends a use without unlocking (the caller deleted the channel and unlocked

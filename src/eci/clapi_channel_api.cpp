@@ -24,10 +24,10 @@ void freeContainers(kvlChannel* channel, DeleteScope scope) {
         if (cont->dataPtr) {
             if (scope == DeleteScope::oneChannel) {
                 CLAPI_TRACE(DEBUG, 1420, "API.ECI_deleteChannel() Freeing %lu bytes of container data (%p)\n",
-                            (unsigned long)cont->dataLength, (void*)cont->dataPtr);
+                            clapiLu(cont->dataLength), (void*)cont->dataPtr);
             } else {
                 CLAPI_TRACE(DEBUG, 1427, "API.ECI_deleteAllChannels() Freeing %lu bytes of container data (%p)\n",
-                            (unsigned long)cont->dataLength, (void*)cont->dataPtr);
+                            clapiLu(cont->dataLength), (void*)cont->dataPtr);
             }
         }
         // Reported just before the free: a freed pointer is not even printed.
@@ -259,7 +259,7 @@ void describeChannel(kvlChannel* channel, int channelNumber, std::string& out) {
                  "Container(%p): eyecatcher(%8.8s) name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) "
                  "dataPtr(%p) nextCont(%p)",
                  (void*)cont, cont->eyecatcher, cont->name, (int)cont->type, (int)cont->ccsid,
-                 (unsigned long)cont->dataLength, (void*)cont->dataPtr, (void*)cont->nextCont);
+                 clapiLu(cont->dataLength), (void*)cont->dataPtr, (void*)cont->nextCont);
         snprintf(line, sizeof line, "   Container list entry -%4.4d/%4.4d- : %s\n", channelNumber, containerNumber,
                  description);
         out += line;

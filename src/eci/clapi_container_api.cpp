@@ -62,14 +62,14 @@ int createLocked(kvlChannel* channel, const char* name, int type, int ccsid, con
         cont->dataPtr = static_cast<uint8_t*>(malloc(dataLength));
         if (!cont->dataPtr) {
             CLAPI_TRACE(EXC, 1351, "API.ECI_createContainer() Failed to allocate %lu bytes for container data\n",
-                        (unsigned long)dataLength);
+                        clapiLu(dataLength));
             clapiFreeContainer(cont);
             return ECI_ERR_MEMORY_SHORTAGE;
         }
         memcpy(cont->dataPtr, data, dataLength);
         cont->dataLength = dataLength;
         CLAPI_TRACE_DATA(1397, cont->dataPtr, dataLength, "API.ECI_createContainer() data=%p len=%lu stopword=%8.8X\n",
-                         (void*)cont->dataPtr, (unsigned long)dataLength, 0u);
+                         (void*)cont->dataPtr, clapiLu(dataLength), 0u);
     }
     cont->nextCont = channel->firstCont;
     channel->firstCont = cont;
@@ -103,7 +103,7 @@ int deleteLocked(kvlChannel* channel, const char* name) {
     }
     if (cont->dataPtr) {
         CLAPI_TRACE(DEBUG, 1364, "API.ECI_deleteContainer() Freeing %lu bytes of container data (%p)\n",
-                    (unsigned long)cont->dataLength, (void*)cont->dataPtr);
+                    clapiLu(cont->dataLength), (void*)cont->dataPtr);
     }
     channel->numContainers--;
     // Reported just before the free: a freed pointer is not even printed.
@@ -128,7 +128,7 @@ int getDataLocked(kvlChannel* channel, const char* name, void* buffer, size_t le
     if (bytesReadPtr) *bytesReadPtr = count;
     if (count != 0) {
         memcpy(buffer, cont->dataPtr + offset, count);
-        CLAPI_TRACE(DEBUG, 1385, "API.ECI_getContainerData() Copied %lu bytes into %p\n", (unsigned long)count, buffer);
+        CLAPI_TRACE(DEBUG, 1385, "API.ECI_getContainerData() Copied %lu bytes into %p\n", clapiLu(count), buffer);
     } else {
         CLAPI_TRACE(DEBUG, 1386, "API.ECI_getContainerData() No data to copy\n");
     }
@@ -190,7 +190,7 @@ int setDataLocked(kvlChannel* channel, const char* name, const void* data, size_
     }
     if (cont->dataLength != dataLength && cont->dataPtr) {
         CLAPI_TRACE(DEBUG, 1395, "API.ECI_setContainerData() Freeing %lu bytes of container data (%p)\n",
-                    (unsigned long)cont->dataLength, (void*)cont->dataPtr);
+                    clapiLu(cont->dataLength), (void*)cont->dataPtr);
         clapiChannelWipe(cont->dataPtr, static_cast<size_t>(cont->dataLength));
         free(cont->dataPtr);
         cont->dataPtr = nullptr;
@@ -203,7 +203,7 @@ int setDataLocked(kvlChannel* channel, const char* name, const void* data, size_
         auto* block = static_cast<uint8_t*>(malloc(dataLength));
         if (!block) {
             CLAPI_TRACE(EXC, 1396, "API.ECI_setContainerData() Failed to allocate %lu bytes for container data\n",
-                        (unsigned long)dataLength);
+                        clapiLu(dataLength));
             rc = ECI_ERR_MEMORY_SHORTAGE;  // the container is left empty
             cont->dataPtr = nullptr;
             cont->dataLength = 0;
@@ -212,12 +212,12 @@ int setDataLocked(kvlChannel* channel, const char* name, const void* data, size_
             cont->dataPtr = block;
             cont->dataLength = dataLength;
             CLAPI_TRACE_DATA(1398, block, dataLength, "API.ECI_setContainerData() data=%p len=%lu stopword=%8.8X\n",
-                             (void*)block, (unsigned long)dataLength, 0u);
+                             (void*)block, clapiLu(dataLength), 0u);
         }
     }
     if (oldBlock) {
         CLAPI_TRACE(DEBUG, 1395, "API.ECI_setContainerData() Freeing %lu bytes of container data (%p)\n",
-                    (unsigned long)oldLength, (void*)oldBlock);
+                    clapiLu(oldLength), (void*)oldBlock);
         clapiChannelWipe(oldBlock, oldLength);
         free(oldBlock);
     }
@@ -243,7 +243,7 @@ KVL_API int ECI_createContainer(chanTok channel, const char* name, int type, int
                                 size_t dataLength) {
     CLAPI_TRACE(ENTRY, 1345,
                 "API.ECI_createContainer(chanTok=%p, name=%s, type=%d, ccsid=%d, data=%p, dataLength=%lu)\n",
-                (void*)channel, printable(name), type, ccsid, data, (unsigned long)dataLength);
+                (void*)channel, printable(name), type, ccsid, data, clapiLu(dataLength));
     int rc = ECI_NO_ERROR;
     if (!channel) {
         CLAPI_TRACE(EXC, 1346, "API.ECI_createContainer() chanTok is NULL\n");
@@ -285,7 +285,7 @@ KVL_API int ECI_getContainerData(chanTok channel, const char* name, void* buffer
                                  size_t* bytesReadPtr) {
     CLAPI_TRACE(ENTRY, 1380,
                 "API.ECI_getContainerData(chanTok=%p, name=%s, buffer=%p, length=%lu, offset=%lu, bytesReadPtr=%p)\n",
-                (void*)channel, printable(name), buffer, (unsigned long)length, (unsigned long)offset,
+                (void*)channel, printable(name), buffer, clapiLu(length), clapiLu(offset),
                 (void*)bytesReadPtr);
     int rc = ECI_NO_ERROR;
     if (!channel) {
@@ -368,14 +368,14 @@ KVL_API int ECI_getNextContainer(chanTok channel, EciContainerInfo* infoPtr) {
 
 KVL_API int ECI_setContainerData(chanTok channel, const char* name, const void* data, size_t dataLength) {
     CLAPI_TRACE(ENTRY, 1390, "API.ECI_setContainerData(chanTok=%p, name=%s, data=%p, dataLength=%lu)\n", (void*)channel,
-                printable(name), data, (unsigned long)dataLength);
+                printable(name), data, clapiLu(dataLength));
     int rc = ECI_NO_ERROR;
     if (!channel) {
         CLAPI_TRACE(EXC, 1391, "API.ECI_setContainerData() chanTok is NULL\n");
         rc = ECI_ERR_INVALID_CHANNEL;
     } else if (!data && dataLength != 0) {
         CLAPI_TRACE(EXC, 1392, "API.ECI_setContainerData() data is NULL when dataLength is %lu\n",
-                    (unsigned long)dataLength);
+                    clapiLu(dataLength));
         rc = ECI_ERR_INVALID_DATA_LENGTH;
     } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
         rc = withRecord(channel, [&] { return setDataLocked(channel, name, data, dataLength); });

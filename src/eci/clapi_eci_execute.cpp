@@ -6,6 +6,7 @@
 #include "comms/clapi_socketcomms.h"
 #include "eci/clapi_channel.h"
 #include "eci/clapi_eci.h"
+#include "ext/clapi_ext_hooks.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
 #include "kvlclient.h"
@@ -182,6 +183,7 @@ int markSent(kvlGatewayToken* gwTok, clapiSlot* slot, preparedRequest* p, bool* 
                         (int)gwTok->asyncRequestCount, static_cast<void*>(gwTok));
         }
         rc = slotMarkSent(slot);
+        if (rc == 0) clapiExtRequestStarted(gwTok, slot, async ? KVL_EXT_KIND_ECI_ASYNC : KVL_EXT_KIND_ECI_SYNC);
     }
     if (clapiReleaseLock(&gwTok->tableLock) != 0) {
         if (async)
@@ -201,6 +203,9 @@ int sendRequest(kvlGatewayToken* gwTok, preparedRequest* p) {
         return ECI_ERR_SYSTEM_ERROR;
     }
     int rc = clapiFlowECIRequest(gwTok->socket.load(), &p->header, &p->request);
+    if (rc == 0)
+        clapiExtRequestWritten(gwTok, p->copy.eci_call_type == ECI_ASYNC ? KVL_EXT_KIND_ECI_ASYNC : KVL_EXT_KIND_ECI_SYNC,
+                               &p->header);
     if (clapiReleaseLock(&gwTok->sendLock) != 0) {
         CLAPI_TRACE(EXC, 1529, "clapi_eci.performEciExecute() Failed to release send lock\n");
         if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
@@ -228,6 +233,7 @@ int giveBackSlot(kvlGatewayToken* gwTok, clapiSlot* slot, int32_t number, bool c
                         (int)gwTok->asyncRequestCount, static_cast<void*>(gwTok));
         }
         clapiUnqueueAsyncReply(gwTok, slot);
+        clapiExtRequestEnded(gwTok, slot, KVL_ERR_LOSTGWCON, false);
         slotFree(&gwTok->requestTable, slot);
     }
     if (clapiReleaseLock(&gwTok->tableLock) != 0) {
@@ -246,7 +252,9 @@ int giveBackSlot(kvlGatewayToken* gwTok, clapiSlot* slot, int32_t number, bool c
 // of work; the caller unlocks a channel, so the kept slot forgets it.
 int collectSyncReply(kvlGatewayToken* gwTok, clapiSlot* slot, EciParms* parms) {
     int rc = 0;
-    if (clapiWaitEvent(&slot->event) != 0) rc = ECI_ERR_SYSTEM_ERROR;
+    int waited = clapiExtAwaitReply(gwTok, slot);
+    if (waited == ECI_ERR_RESPONSE_TIMEOUT) return waited;  // the slot is no longer this call's
+    if (waited != 0) rc = ECI_ERR_SYSTEM_ERROR;
     bool locked = clapiRequestLock(&gwTok->tableLock) == 0;
     if (!locked) CLAPI_TRACE(EXC, 1533, "clapi_eci.performEciExecute() Failed to lock slot table to free slot\n");
     memcpy(parms->eci_abend, slot->request.eci_abend, sizeof parms->eci_abend);

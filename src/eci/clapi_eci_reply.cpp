@@ -3,6 +3,7 @@
 
 #include "eci/clapi_channel.h"
 #include "eci/clapi_eci.h"
+#include "ext/clapi_ext_hooks.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
 #include "kvlclient.h"
@@ -112,6 +113,7 @@ void clapiUnqueueAsyncReply(kvlGatewayToken* gwTok, clapiSlot* slot) {
         gwTok->asyncQueueHead = slot->queueNext;
     if (gwTok->asyncQueueTail == slot) gwTok->asyncQueueTail = previous;
     slot->queueNext = nullptr;
+    clapiExtAsyncQueueChanged(gwTok);
 }
 
 int getAsyncReply(kvlGatewayToken* gwTok, EciParms* parms) {
@@ -127,6 +129,7 @@ int getAsyncReply(kvlGatewayToken* gwTok, EciParms* parms) {
         const int32_t msgQual = parms->eci_msg_qual;
         bool locked = true;
         clapiSlot* found = nullptr;
+        clapiExtRetrievalDeadline deadline;
         if (specific) rc = checkMessageQualifier(gwTok, msgQual);
         while (rc == 0) {
             if (gwTok->closing.load() != 0 && gwTok->asyncRequestCount == 0) {
@@ -158,7 +161,12 @@ int getAsyncReply(kvlGatewayToken* gwTok, EciParms* parms) {
                 rc = ECI_ERR_SYSTEM_ERROR;
                 break;
             }
-            if (clapiWaitEvent(&gwTok->asyncReplyEvent) != 0) {
+            int waited = clapiExtAwaitAsyncReply(gwTok, &deadline);
+            if (waited == ECI_ERR_RESPONSE_TIMEOUT) {
+                rc = waited;
+                break;
+            }
+            if (waited != 0) {
                 CLAPI_TRACE(EXC, 1539, "clapi_eci.getAsyncReply() Failed to wait on asyncReplyEvent\n");
                 rc = ECI_ERR_SYSTEM_ERROR;
                 break;

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "ext/clapi_ext_hooks.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_testhook.h"
 #include "impl/clapi_trace.h"
@@ -29,6 +30,7 @@ void freeSlot(kvlGatewayToken* gwTok, clapiSlot* slot, int* rc, bool traced) {
         if (*rc == 0) *rc = ESI_ERR_SYSTEM_ERROR;
         return;
     }
+    clapiExtRequestEnded(gwTok, slot, *rc, false);  // a request whose send failed
     slotFree(&gwTok->requestTable, slot);
     if (clapiReleaseLock(&gwTok->tableLock) != 0) {
         if (traced)
@@ -49,6 +51,7 @@ int markSent(kvlGatewayToken* gwTok, clapiSlot* slot, esiDetails* esiDetailsPtr)
     if (rc == 0) {
         slot->esiDetailsPtr = esiDetailsPtr;
         rc = slotMarkSent(slot);
+        if (rc == 0) clapiExtRequestStarted(gwTok, slot, KVL_EXT_KIND_ESI);
     }
     if (clapiReleaseLock(&gwTok->tableLock) != 0) {
         CLAPI_TRACE(EXC, 1818, "clapi_esi.performEsiFlow() Failed to unlock slot table\n");
@@ -111,6 +114,7 @@ int performEsiFlow(kvlGatewayToken* gwTok, EsiRequest* esiRequest, esiDetails* e
             } else {
                 rc = clapiFlowESIRequest(gwTok->socket.load(), &header, esiRequest);
                 sent = rc == 0;
+                if (sent) clapiExtRequestWritten(gwTok, KVL_EXT_KIND_ESI, &header);
                 if (clapiReleaseLock(&gwTok->sendLock) != 0) {
                     CLAPI_TRACE(EXC, 1821, "clapi_esi.performEsiFlow() Failed to release send lock\n");
                     if (rc == 0) rc = KVL_ERR_SYSTEM_ERROR;
@@ -118,12 +122,16 @@ int performEsiFlow(kvlGatewayToken* gwTok, EsiRequest* esiRequest, esiDetails* e
             }
         }
     }
+    bool abandoned = false;
     if (sent) {
         // Released by the receiver thread once the reply is decoded, or when the connection ends.
-        clapiWaitEvent(&slot->event);
-        if (rc == 0) rc = slot->replyRc != 0 ? slot->replyRc : mapGwyRc(slot->bodyRc);
+        abandoned = clapiExtAwaitReply(gwTok, slot) == ECI_ERR_RESPONSE_TIMEOUT;
+        if (abandoned)
+            rc = ECI_ERR_RESPONSE_TIMEOUT;  // the slot now belongs to the receiver thread
+        else if (rc == 0)
+            rc = slot->replyRc != 0 ? slot->replyRc : mapGwyRc(slot->bodyRc);
     }
-    if (slot) freeSlot(gwTok, slot, &rc, sent);
+    if (slot && !abandoned) freeSlot(gwTok, slot, &rc, sent);
     CLAPI_TRACE(EXIT, 1824, "clapi_esi.performEsiFlow() rc=%d (%s)\n", rc, clapiRcName(rc));
     return rc;
 }

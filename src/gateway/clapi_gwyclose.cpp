@@ -104,12 +104,14 @@ void freeAllSlots(slotTable* table) {
     }
 }
 
-bool closeCandidate(const kvlGatewayToken* token) {
-    return token->closing.load() == 0 && !token->opening && !token->deleting;
-}
+// Close-all walks (GTL lock). Passes only grow, so of two concurrent walks the
+// later one owns the marks and neither visits a token twice.
+uint64_t lastCloseAllPass = 0;
 
-kvlGatewayToken* nextCandidate(kvlGatewayToken* token) {
-    while (token && !closeCandidate(token)) token = token->next;
+// The first token from `token` that this walk has not visited. Tokens still
+// being opened have not been handed out and are left to their opener.
+kvlGatewayToken* nextUnvisited(kvlGatewayToken* token, uint64_t pass) {
+    while (token && (token->opening || token->closeAllPass >= pass)) token = token->next;
     return token;
 }
 
@@ -265,25 +267,25 @@ int clapiDeleteGatewayTokens() {
     int count = 0;
     clapiRequestLock(&clapiGtlLock);
     if (!gtlHead()) CLAPI_TRACE(EVENT, 2036, "clapi_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY\n");
+    // Every token is walked, also one whose close is already running: its close
+    // gives -140, and its delete, while another delete of it runs, touches nothing.
     // Each delete releases the GTL lock while it waits, so the list may change
-    // under the walk: after a delete the walk starts again from the head, and
-    // tokens that another thread is opening or closing are left to it.
-    kvlGatewayToken* token = nextCandidate(gtlHead());
+    // under the walk: visited tokens are marked and the walk starts again from the head.
+    const uint64_t pass = ++lastCloseAllPass;
+    kvlGatewayToken* token = nextUnvisited(gtlHead(), pass);
     while (token) {
         ++count;
+        token->closeAllPass = pass;
         if (clapiTraceAdmits(CLAPI_LEVEL_EVENT)) {
             char text[GWTOK_FORMAT_SIZE];
             formatGatewayToken(token, text);
             CLAPI_TRACE(EVENT, 2035, "clapi_gwytok.clapiDeleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n",
                         static_cast<void*>(token), count, text);
         }
-        if (clapiCloseGatewayToken(token, false) == 0) {
-            clapiDeleteGatewayToken(&token, 0, false);
-            clapiRequestLock(&clapiGtlLock);
-            token = nextCandidate(gtlHead());
-        } else {
-            token = nextCandidate(token->next);
-        }
+        clapiCloseGatewayToken(token, false);
+        clapiDeleteGatewayToken(&token, 0, false);  // releases the GTL lock
+        clapiRequestLock(&clapiGtlLock);
+        token = nextUnvisited(gtlHead(), pass);
     }
     clapiReleaseLock(&clapiGtlLock);
     CLAPI_TRACE(EXIT, 2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=%d, rc=%d\n", count, 0);

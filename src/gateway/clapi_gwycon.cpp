@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "comms/clapi_socketcomms.h"
+#include "platform/platform_ext.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
 
@@ -20,10 +21,10 @@ int connectSocket(kvlGatewayToken* token, platformSocket s, const platformAddres
                   int32_t port) {
     if (platformSetKeepAliveNoDelay(s) != 0) {
         CLAPI_TRACE(EXC, 3003, "clapi_gwycon.clapiConnectToGateway() Set socket to KeepAlive or NoDelay failed: %lu\n",
-                    (unsigned long)s);
+                    clapiLu(s));
         return KVL_ERR_CONNECTFAILED;
     }
-    CLAPI_TRACE(DEBUG, 3004, "clapi_gwycon.clapiConnectToGateway() Created socket: %lu\n", (unsigned long)s);
+    CLAPI_TRACE(DEBUG, 3004, "clapi_gwycon.clapiConnectToGateway() Created socket: %lu\n", clapiLu(s));
     if (token->connTimeout != 0) platformSetNonBlocking(s, true);
 
     int rc = 0;
@@ -63,7 +64,21 @@ int handshake(kvlGatewayToken* token, const char* applid, const char* applidQual
         return KVL_ERR_CONNECTFAILED;
     }
     CLAPI_TRACE(DEBUG, 3010, "clapi_gwycon.clapiConnectToGateway() Waiting for handshake response\n");
-    if (clapiWaitEvent(&token->connEvent) != 0) {
+    clapiOpenPlan* plan = token->ext.openPlan;
+    if (plan && plan->deadlineUs != 0) {
+        uint64_t now = platformMonotonicMicros();
+        uint64_t leftMs = now < plan->deadlineUs ? (plan->deadlineUs - now + 999) / 1000 : 0;
+        bool timedOut = false;
+        if (platformEventTimedWait(token->connEvent, static_cast<uint32_t>(leftMs), &timedOut) != 0) {
+            clapiStopReceiver(token);
+            return KVL_ERR_SYSTEM_ERROR;
+        }
+        if (timedOut) {
+            plan->handshakeTimedOut = 1;
+            clapiStopReceiver(token);
+            return KVL_ERR_CONNECTTIMEOUT;
+        }
+    } else if (clapiWaitEvent(&token->connEvent) != 0) {
         clapiStopReceiver(token);
         return KVL_ERR_SYSTEM_ERROR;
     }
@@ -73,6 +88,27 @@ int handshake(kvlGatewayToken* token, const char* applid, const char* applidQual
         return token->closeRc != 0 ? token->closeRc : KVL_ERR_CONNECTFAILED;
     }
     return 0;
+}
+
+// The address lookup and connect of the specified open: the first address only.
+int connectFirstAddress(kvlGatewayToken* token, const char* ipAddr, int32_t port) {
+    platformAddress address;
+    int rc = getHostInfo(ipAddr, port, &address);
+    if (rc != 0) return rc;
+    CLAPI_TRACE(DEBUG, 3001, "clapi_gwycon.clapiConnectToGateway() Creating socket for family %d, type %d, protocol %d\n",
+                address.family, address.socktype, address.protocol);
+    platformSocket s = platformSocketCreate(address.family, address.socktype, address.protocol);
+    if (s == PLATFORM_INVALID_SOCKET) {
+        int error = platformSocketError();
+        char text[kErrorTextSize];
+        platformSocketErrorText(error, text, sizeof text);
+        CLAPI_TRACE(EXC, 3002, "clapi_gwycon.clapiConnectToGateway() Unable to create a socket: %s (%d)\n", text, error);
+        return KVL_ERR_BADHOST;
+    }
+    token->socket = s;
+    rc = connectSocket(token, s, &address, ipAddr, port);
+    if (rc != 0) clapiCloseTokenSocket(token);
+    return rc;
 }
 
 }  // namespace
@@ -85,38 +121,23 @@ int clapiConnectToGateway(int32_t port, const char* ipAddr, kvlGatewayToken* gwT
                 (int)port, static_cast<const void*>(ipAddr), static_cast<void*>(gwTokPtr), (int)gwTokPtr->connTimeout,
                 applid, applidQualifier);
     kvlGatewayToken* token = gwTokPtr;
-    platformAddress address;
-    int rc = getHostInfo(ipAddr, port, &address);
+    clapiOpenPlan* plan = token->ext.openPlan;
+    int rc = plan ? plan->connect(token, plan) : connectFirstAddress(token, ipAddr, port);
     if (rc == 0) {
-        CLAPI_TRACE(DEBUG, 3001, "clapi_gwycon.clapiConnectToGateway() Creating socket for family %d, type %d, protocol %d\n",
-                    address.family, address.socktype, address.protocol);
-        platformSocket s = platformSocketCreate(address.family, address.socktype, address.protocol);
-        if (s == PLATFORM_INVALID_SOCKET) {
-            int error = platformSocketError();
-            char text[kErrorTextSize];
-            platformSocketErrorText(error, text, sizeof text);
-            CLAPI_TRACE(EXC, 3002, "clapi_gwycon.clapiConnectToGateway() Unable to create a socket: %s (%d)\n", text, error);
-            rc = KVL_ERR_BADHOST;
+        CLAPI_TRACE(DEBUG, 3009, "clapi_gwycon.clapiConnectToGateway() Creating receiver thread\n");
+        // Armed before the start, so that no close can pass before the thread has begun.
+        clapiSetEvent(&token->recvThreadEndedEvent);
+        if (platformThreadStart(&token->receiver, receiverThread, token, kReceiverStackSize) != 0) {
+            CLAPI_TRACE(EXC, 3014, "clapi_gwycon.clapiConnectToGateway() Failed to create receiver thread, rc=%d\n",
+                        errno);
+            token->receiver.handle = nullptr;
+            clapiClearEvent(&token->recvThreadEndedEvent);
+            rc = KVL_ERR_SYSTEM_ERROR;
+        }
+        if (rc != 0) {
+            clapiCloseTokenSocket(token);
         } else {
-            token->socket = s;
-            rc = connectSocket(token, s, &address, ipAddr, port);
-            if (rc == 0) {
-                CLAPI_TRACE(DEBUG, 3009, "clapi_gwycon.clapiConnectToGateway() Creating receiver thread\n");
-                // Armed before the start, so that no close can pass before the thread has begun.
-                clapiSetEvent(&token->recvThreadEndedEvent);
-                if (platformThreadStart(&token->receiver, receiverThread, token, kReceiverStackSize) != 0) {
-                    CLAPI_TRACE(EXC, 3014, "clapi_gwycon.clapiConnectToGateway() Failed to create receiver thread, rc=%d\n",
-                                errno);
-                    token->receiver.handle = nullptr;
-                    clapiClearEvent(&token->recvThreadEndedEvent);
-                    rc = KVL_ERR_SYSTEM_ERROR;
-                }
-            }
-            if (rc != 0) {
-                clapiCloseTokenSocket(token);
-            } else {
-                rc = handshake(token, applid, applidQualifier);
-            }
+            rc = handshake(token, applid, applidQualifier);
         }
     }
     CLAPI_TRACE(EXIT, 3007, "clapi_gwycon.clapiConnectToGateway() rc=%d\n", rc);
@@ -145,17 +166,17 @@ int waitForConnection(platformSocket* socketDescriptorPtr, int* sockError, int32
     CLAPI_TRACE(ENTRY, 3025, "clapi_gwycon.waitForConnection(socketDescriptorPtr=%p, sockError=%p, connTimeout=%d)\n",
                 static_cast<void*>(socketDescriptorPtr), static_cast<void*>(sockError), (int)connTimeout);
     platformSocket s = *socketDescriptorPtr;
-    CLAPI_TRACE(DEBUG, 3026, "clapi_gwycon.waitForConnection() Calling select() on socketdescriptor %lu\n", (unsigned long)s);
+    CLAPI_TRACE(DEBUG, 3026, "clapi_gwycon.waitForConnection() Calling select() on socketdescriptor %lu\n", clapiLu(s));
     int rc = 0;
     int result = platformWaitConnect(s, connTimeout, sockError);
     char text[kErrorTextSize];
     if (result == -2) {
         platformSocketErrorText(*sockError, text, sizeof text);
         CLAPI_TRACE(EXC, 3027, "clapi_gwycon.waitForConnection() socket %lu connect() failed error: %s (%d)\n",
-                    (unsigned long)s, text, *sockError);
+                    clapiLu(s), text, *sockError);
         rc = KVL_ERR_CONNECTFAILED;
     } else if (result == 0) {
-        CLAPI_TRACE(EXC, 3028, "clapi_gwycon.waitForConnection() socket %lu connect timed out\n", (unsigned long)s);
+        CLAPI_TRACE(EXC, 3028, "clapi_gwycon.waitForConnection() socket %lu connect timed out\n", clapiLu(s));
         rc = KVL_ERR_CONNECTTIMEOUT;
     } else if (result < 0) {
         platformSocketErrorText(*sockError, text, sizeof text);
@@ -167,7 +188,7 @@ int waitForConnection(platformSocket* socketDescriptorPtr, int* sockError, int32
 }
 
 int closeSocket(platformSocket socket) {
-    CLAPI_TRACE(ENTRY, 3016, "clapi_gwycon.closeSocket(socket=%lu)\n", (unsigned long)socket);
+    CLAPI_TRACE(ENTRY, 3016, "clapi_gwycon.closeSocket(socket=%lu)\n", clapiLu(socket));
     platformCloseSocket(socket);
     CLAPI_TRACE(EXIT, 3019, "clapi_gwycon.closeSocket() rc=%d\n", 0);
     return 0;

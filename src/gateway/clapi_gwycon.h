@@ -10,6 +10,17 @@
 // 0 when the Gateway accepted the handshake; otherwise -132, -118, -134, -9 or
 // the closeRc the receiver thread recorded. On failure the token's socket is
 // closed (or, once the receiver thread runs, shut down for it to close).
+// The extension API's open: its own connect (every address of the host within a
+// time-out in milliseconds, socket options, TLS) replaces the address lookup
+// and connect, and the wait for the handshake answer ends at deadlineUs.
+struct clapiOpenPlan {
+    // 0 with token->socket connected; otherwise a return code, the socket closed.
+    int (*connect)(kvlGatewayToken* token, clapiOpenPlan* plan);
+    uint64_t deadlineUs;    // monotonic microseconds the open must end by; 0: none
+    int handshakeTimedOut;  // (out) 1: no handshake answer by deadlineUs
+    void* context;          // the extension's own
+};
+
 int clapiConnectToGateway(int32_t port, const char* ipAddr, kvlGatewayToken* gwTokPtr, const char* applid,
                           const char* applidQualifier);
 // Sends the close request under the send lock: 0, a socket buffer code or -9.

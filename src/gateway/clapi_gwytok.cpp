@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "ext/clapi_ext_hooks.h"
 #include "gateway/clapi_gwycon.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
@@ -31,6 +32,7 @@ void destroyLockIfInitialised(clapiLock* lock) {
 
 void freeGatewayToken(kvlGatewayToken* token) {
     if (!token) return;
+    clapiExtReleaseConn(token);
     deleteEventIfCreated(&token->asyncReplyEvent);
     deleteEventIfCreated(&token->requestsEnded);
     deleteEventIfCreated(&token->recvThreadEndedEvent);
@@ -109,7 +111,7 @@ int openClientSocket(kvlGatewayToken* gwTok, const char* host, int32_t port, con
     int rc = clapiConnectToGateway(port, host, gwTok, applid, applidQualifier);
     if (rc == 0) {
         CLAPI_TRACE(EVENT, 2012, "clapi_gwytok.openClientSocket() Connected to Gateway %s:%u - socketDescriptor(%lu)\n",
-                    host, (unsigned)port, (unsigned long)gwTok->socket.load());
+                    host, (unsigned)port, clapiLu(gwTok->socket.load()));
     } else {
         CLAPI_TRACE(EXC, 2013, "clapi_gwytok.openClientSocket() Failed to connect to Gateway %s:%u\n", host, (unsigned)port);
     }
@@ -119,12 +121,18 @@ int openClientSocket(kvlGatewayToken* gwTok, const char* host, int32_t port, con
 
 int clapiCreateGatewayToken(kvlGatewayToken** gwTokPtr, const char* host, int32_t port, int32_t connTimeout,
                             const char* applid, const char* applidQualifier) {
+    return clapiCreateGatewayTokenWithPlan(gwTokPtr, host, port, connTimeout, applid, applidQualifier, nullptr);
+}
+
+int clapiCreateGatewayTokenWithPlan(kvlGatewayToken** gwTokPtr, const char* host, int32_t port, int32_t connTimeout,
+                                    const char* applid, const char* applidQualifier, clapiOpenPlan* plan) {
     CLAPI_TRACE(ENTRY, 2000,
                 "clapi_gwytok.clapiCreateGatewayToken(gwTokPtr=%p, port=%d, connTimeout=%d, applid=%s, applidQualifier=%s)\n",
                 static_cast<void*>(gwTokPtr), (int)port, (int)connTimeout, applid, applidQualifier);
     kvlGatewayToken* token = nullptr;
     int rc = allocateGatewayToken(&token, port, connTimeout, applid, applidQualifier);
     if (rc == 0) {
+        token->ext.openPlan = plan;
         rc = chainGatewayToken(token);
         if (rc != 0) {
             freeGatewayToken(token);
@@ -134,6 +142,7 @@ int clapiCreateGatewayToken(kvlGatewayToken** gwTokPtr, const char* host, int32_
                 // Unchains it again, waits for the receiver thread and frees everything.
                 clapiDeleteGatewayToken(&token, 0, true);
             } else {
+                token->ext.openPlan = nullptr;
                 clapiRequestLock(&clapiGtlLock);
                 token->opening = 0;
                 clapiReleaseLock(&clapiGtlLock);

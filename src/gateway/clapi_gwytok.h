@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "ext/clapi_ext_conn.h"
 #include "gateway/clapi_slots.h"
 #include "impl/clapi_lock.h"
 #include "kvlclient.h"
@@ -23,7 +24,7 @@ enum connStatusValue : int32_t {
 };
 
 // The record behind the application's opaque gwTok. Fields are in the order of
-// the design; the last five are this implementation's own.
+// the design; the last six are this implementation's own.
 struct kvlGatewayToken {
     char eyecatcher[8];     // "KVLGWTOK", no terminator
     kvlGatewayToken* next;  // GTL link (GTL lock)
@@ -54,6 +55,8 @@ struct kvlGatewayToken {
     std::atomic<int32_t> stopReceiver;  // 1: the receiver thread is to end at its next wait
     int32_t opening;          // 1 until clapiCreateGatewayToken hands the token out (GTL lock)
     int32_t deleting;         // a delete of this token is under way (GTL lock)
+    uint64_t closeAllPass;    // the latest close-all walk that visited it (GTL lock)
+    clapiExtConn ext;         // deadline, completion signal and statistics of the extension API
 };
 
 // 0 while the connection is open; otherwise the code a request on it gets.
@@ -72,6 +75,10 @@ constexpr int FIND_TOKEN_FOUND = 1004;
 // Creates, chains and connects a token; *gwTokPtr is written only on success.
 int clapiCreateGatewayToken(kvlGatewayToken** gwTokPtr, const char* host, int32_t port, int32_t connTimeout,
                             const char* applid, const char* applidQualifier);
+// The same, opened by the extension API's plan (clapi_gwycon.h).
+struct clapiOpenPlan;
+int clapiCreateGatewayTokenWithPlan(kvlGatewayToken** gwTokPtr, const char* host, int32_t port, int32_t connTimeout,
+                                    const char* applid, const char* applidQualifier, clapiOpenPlan* plan);
 // Every exported function that uses a token calls Register first (0, -9, or -101
 // when the token is not on the GTL) and Unregister exactly once after its last use.
 int clapiRegisterRequest(kvlGatewayToken* gwTok);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "comms/clapi_socketcomms.h"
+#include "ext/clapi_ext_hooks.h"
 #include "gateway/clapi_gwycon.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_testhook.h"
@@ -11,6 +12,8 @@
 namespace {
 
 constexpr uint64_t kReadBufferSize = 33000;
+// lookupSlot: the reply belongs to a request whose caller gave up waiting.
+constexpr int kLateReply = 1;
 
 // What a decoded reply leaves for its slot.
 struct replyResult {
@@ -38,6 +41,7 @@ void queueAsyncReply(kvlGatewayToken* token, clapiSlot* slot) {
         token->asyncQueueHead = slot;
     }
     token->asyncQueueTail = slot;
+    clapiExtAsyncQueueChanged(token);
     clapiClearEvent(&token->asyncReplyEvent);
 }
 
@@ -75,8 +79,14 @@ int completeSlot(kvlGatewayToken* token, int32_t messageId, int32_t replyRc, con
     }
     clapiSlot* slot = slotByNumber(&token->requestTable, messageId);
     if (slot && slot->state == SLOT_SENT) {
+        slot->replyInProgress = 0;
         if (reply) storeReply(slot, *reply);
+        clapiExtRequestEnded(token, slot, replyRc != 0 ? replyRc : slot->bodyRc, true);
         markReplied(token, slot, replyRc);
+    } else if (slot && slot->state == SLOT_ABANDONED) {
+        CLAPI_TRACE(DEBUG, 9150, "clapi_gwycon.receiverThread() Late reply for slot %d dropped, its caller gave up\n",
+                    (int)messageId);
+        slotFree(&token->requestTable, slot);
     }
     if (clapiReleaseLock(&token->tableLock) != 0) {
         CLAPI_TRACE(EXC, 3040, "clapi_gwycon.receiverThread() Failed to release table lock\n");
@@ -92,13 +102,19 @@ int lookupSlot(kvlGatewayToken* token, int32_t messageId, EciRequest* prime) {
         CLAPI_TRACE(EXC, 3039, "clapi_gwycon.receiverThread() Failed to acquire table lock\n");
         return KVL_ERR_SYSTEM_ERROR;
     }
-    clapiSlot* slot = nullptr;
-    int rc = slotLookup(&token->requestTable, messageId, &slot);
-    if (rc == 0 && prime) {
-        prime->extendMode = slot->request.eci_extend_mode;
-        prime->commarea = static_cast<uint8_t*>(slot->request.eci_commarea);
-        prime->channel = static_cast<kvlChannel*>(slot->request.eci_channel);
-        prime->commareaCapacity = prime->commarea ? slot->replyCapacity : 0;
+    clapiSlot* slot = slotByNumber(&token->requestTable, messageId);
+    int rc;
+    if (slot && slot->state == SLOT_ABANDONED) {
+        rc = kLateReply;  // nothing is decoded: the flow is dropped whole
+    } else {
+        rc = slotLookup(&token->requestTable, messageId, &slot);
+        if (rc == 0 && prime) {
+            prime->extendMode = slot->request.eci_extend_mode;
+            prime->commarea = static_cast<uint8_t*>(slot->request.eci_commarea);
+            prime->channel = static_cast<kvlChannel*>(slot->request.eci_channel);
+            prime->commareaCapacity = prime->commarea ? slot->replyCapacity : 0;
+            slot->replyInProgress = 1;
+        }
     }
     if (clapiReleaseLock(&token->tableLock) != 0) {
         CLAPI_TRACE(EXC, 3040, "clapi_gwycon.receiverThread() Failed to release table lock\n");
@@ -116,6 +132,7 @@ int onReply(receiver* r) {
     CLAPI_TRACE(DEBUG, 3038, "clapi_gwycon.receiverThread() Flow type is FLOW_REPLY, request type %s\n", r->requestType);
     replyResult reply;
     int rc = lookupSlot(token, h->messageId, &reply.eci);
+    if (rc == kLateReply) return completeSlot(token, h->messageId, h->rc, nullptr);
     if (rc != 0) return rc;  // a reply that no request awaits ends the connection
     size_t n = h->requestTypeLen < sizeof h->requestType ? h->requestTypeLen : sizeof h->requestType;
     if (strncmp(h->requestType, "ECI", n) == 0) {
@@ -149,7 +166,8 @@ int onError(receiver* r) {
     int code = 0;
     bool found = false;
     if (h->messageId != FLOW_MSGID_HANDSHAKE) {
-        found = lookupSlot(r->token, h->messageId, nullptr) == 0;
+        int looked = lookupSlot(r->token, h->messageId, nullptr);
+        found = looked == 0 || looked == kLateReply;
     } else {
         // The handshake was refused: this ends the connection, and the code reaches the connect as closeRc.
         code = h->rc != 0 ? h->rc : KVL_ERR_CONNECTFAILED;
@@ -184,7 +202,8 @@ int onException(receiver* r) {
     }
     if (code == 0) code = bufferState(&r->sb);
     h->rc = KVL_ERR_GATEWAY_EXCEPTION;
-    bool found = lookupSlot(r->token, h->messageId, nullptr) == 0;
+    int looked = lookupSlot(r->token, h->messageId, nullptr);
+    bool found = looked == 0 || looked == kLateReply;
     if (code != 0) return code;
     return found ? completeSlot(r->token, h->messageId, h->rc, nullptr) : 0;
 }
@@ -225,6 +244,7 @@ int receiveFlow(receiver* r, int waitSeconds) {
     if (rc == 0) rc = clapiReadHeader(&r->sb, &r->header);
     if (rc != 0) return rc;
     flowHeader* h = &r->header;
+    clapiExtFlowReceived(token, h);
     memset(r->requestType, 0, sizeof r->requestType);
     memcpy(r->requestType, h->requestType, sizeof h->requestType);
 
@@ -294,7 +314,21 @@ void endConnection(kvlGatewayToken* token, int code, int32_t closeCode) {
     clapiClearEvent(&token->connEvent);
     clapiClearEvent(&token->asyncReplyEvent);
     for (clapiSlot* s = token->requestTable.first; s; s = s->next) {
-        if (s->state == SLOT_SENT) markReplied(token, s, slotCode);
+        if (s->state == SLOT_SENT) {
+            s->replyInProgress = 0;
+            clapiExtRequestEnded(token, s, slotCode, false);
+            markReplied(token, s, slotCode);
+        }
+    }
+    // No reply can come for an abandoned request any more. slotFree may give
+    // back trailing blocks, so the walk starts again after each.
+    for (clapiSlot* s = token->requestTable.first; s;) {
+        if (s->state == SLOT_ABANDONED) {
+            slotFree(&token->requestTable, s);
+            s = token->requestTable.first;
+        } else {
+            s = s->next;
+        }
     }
     clapiReleaseLock(&token->tableLock);
 }

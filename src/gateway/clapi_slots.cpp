@@ -44,6 +44,8 @@ void wipeRequest(clapiSlot* s) {
     s->replyRc = 0;
     s->bodyRc = 0;
     s->queueNext = nullptr;
+    s->extStartedUs = 0;
+    s->replyInProgress = 0;
 }
 
 bool blockAllFree(const clapiSlot* block) {
@@ -163,6 +165,17 @@ int slotMarkSent(clapiSlot* slotP) {
     if (slotP->state != SLOT_ALLOCATED) return ECI_ERR_SYSTEM_ERROR;
     slotP->state = SLOT_SENT;
     return 0;
+}
+
+bool slotAbandon(clapiSlot* slotP) {
+    if (slotP->state != SLOT_SENT || slotP->replyInProgress) return false;
+    slotP->state = SLOT_ABANDONED;
+    slotP->channelRequest = 0;
+    slotP->request.eci_channel = nullptr;
+    slotP->request.eci_commarea = nullptr;
+    slotP->replyCapacity = 0;
+    slotP->esiDetailsPtr = nullptr;
+    return true;
 }
 
 void slotFree(slotTable* table, clapiSlot* slotP) {

@@ -22,6 +22,14 @@
 //                                             of the end; connStatus leaves CONNECTED in
 //                                             the same hold, so every SENT slot is failed
 //                                             exactly once and no slot becomes SENT after
+//   SENT ------slotAbandon---> ABANDONED      a sync caller's deadline passed while no reply
+//                                             was being decoded for it (replyInProgress 0);
+//                                             the caller's memory is forgotten and the
+//                                             caller returns without touching the slot again
+//   ABANDONED --late reply---> FREE           (receiver) the reply, error or exception flow
+//                                             is read whole and dropped
+//   ABANDONED --endConnection-> FREE          (receiver) in the same hold that fails the SENT
+//                                             slots: no reply can come any more
 //   SENT or REPLIED --slotFree-> FREE         the sender, when its send failed
 //   REPLIED ---slotFree------> FREE           the collector: the sync caller after its
 //                                             wait, or get-reply for an async request
@@ -29,13 +37,13 @@
 //   any -------slotFree------> FREE           token delete, after every call has left
 //
 // An async slot enters the token's reply queue in the same hold that makes it
-// REPLIED, and leaves it in the hold that frees or keeps it. Only SENT slots are
-// matched by replies and failed by the end of the connection; a caller waits
-// on the slot's event only once its slot is SENT, and the receiver releases the
-// event in the hold that makes the slot REPLIED, so no wait can outlive the
-// connection. A further state (for example one for a request its caller gave up
-// on) is added here with its transitions, and nothing else needs to change as
-// long as it is matched by replies and failed by the connection's end like SENT.
+// REPLIED, and leaves it in the hold that frees or keeps it. Replies match SENT
+// and ABANDONED slots only (a reply for any other slot ends the connection);
+// the end of the connection fails every SENT slot and frees every ABANDONED one,
+// each exactly once. A caller waits on the slot's event only once its slot is
+// SENT, and the receiver releases the event in the hold that makes the slot
+// REPLIED, so no wait can outlive the connection. An ABANDONED slot has no
+// waiter and no owner but the receiver thread.
 #pragma once
 
 #include <cstdint>
@@ -52,6 +60,10 @@ enum slotState : int32_t {
     SLOT_SENT = 2,       // request sent, reply awaited; the only state a reply matches
     SLOT_REPLIED = 3,    // reply (or the connection's end) recorded by the receiver thread
     SLOT_LUW_KEPT = 4,   // reserved for an open unit of work between calls
+    // The caller's deadline passed before the reply came; the caller has gone.
+    // A late reply is read and dropped (nothing reaches the caller's memory)
+    // and the receiver thread frees the slot, as it does when the connection ends.
+    SLOT_ABANDONED = 5,
 };
 
 // One request. Fields marked (sender) are filled by the code that sends the
@@ -83,6 +95,13 @@ struct clapiSlot {
     // and frees it; whoever frees it earlier must null it here.
     void* ownedBuffer;
     uint64_t ownedBufferSize;
+    // (extensions) When the request went to SLOT_SENT, in microseconds of the
+    // monotonic clock; 0 once the statistics have counted its end.
+    uint64_t extStartedUs;
+    int32_t extKind;  // KVL_EXT_KIND_ of the request
+    // (receiver) 1 while the reply is decoded into the caller's memory (table
+    // lock): a caller whose deadline passes then waits for it to finish.
+    int32_t replyInProgress;
 };
 
 // The whole table; `first` is the embedded block and the start of the chain.
@@ -106,6 +125,10 @@ int slotFind(slotTable* table, int32_t luwToken, clapiSlot** requestSlotPP);
 // ALLOCATED -> SENT: 0, or -9 when the slot is not ALLOCATED. The caller has
 // checked under the same hold of the table lock that the connection is open.
 int slotMarkSent(clapiSlot* slotP);
+// SENT -> ABANDONED when no reply is being decoded into it: true. The caller's
+// memory (COMMAREA, channel, ESI details) is forgotten, so nothing reaches it.
+// false leaves the slot as it is: the reply is (being) stored, wait for it.
+bool slotAbandon(clapiSlot* slotP);
 // Returns the slot to SLOT_FREE and gives back trailing blocks that are empty.
 void slotFree(slotTable* table, clapiSlot* slotP);
 // The slot numbered messageId when it awaits a reply (SLOT_SENT): 0, else -9.

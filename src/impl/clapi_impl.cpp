@@ -13,6 +13,9 @@ clapiLock clapiCorrelatorLock{};
 
 char clapiApiVersion[8] = {};
 char clapiDllVersion[8] = {};
+// A longer project version would not fit the 8-byte strings of the interface.
+static_assert(sizeof KVL_API_LEVEL <= sizeof clapiApiVersion);
+static_assert(sizeof KVL_DLL_VERSION <= sizeof clapiDllVersion);
 int clapiInitialised = 0;
 int clapiInitRc = 0;
 
@@ -42,8 +45,8 @@ void clapiInitFunc() {
     } else {
         clapiInitialised = 1;
         clapiTraceLevel.store(0);
-        memcpy(clapiApiVersion, "2.3.0.0", 8);
-        memcpy(clapiDllVersion, "9.1.0.4", 8);
+        memcpy(clapiApiVersion, KVL_API_LEVEL, sizeof KVL_API_LEVEL);
+        memcpy(clapiDllVersion, KVL_DLL_VERSION, sizeof KVL_DLL_VERSION);
     }
     clapiSetAPITraceLevelFromEnv();
     clapiSetAPITraceFileFromEnv();

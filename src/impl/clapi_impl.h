@@ -4,13 +4,14 @@
 #include <cstdint>
 
 #include "impl/clapi_lock.h"
+#include "impl/clapi_version.h"
 
 extern clapiLock clapiGtlLock;          // Gateway Token List
 extern clapiLock clapiChannelListLock;  // process-wide channel list
 extern clapiLock clapiCorrelatorLock;
 
-extern char clapiApiVersion[8];  // "2.3.0.0" once initialised
-extern char clapiDllVersion[8];  // "9.1.0.4" once initialised
+extern char clapiApiVersion[8];  // KVL_API_LEVEL once initialised
+extern char clapiDllVersion[8];  // KVL_DLL_VERSION once initialised
 extern int clapiInitialised;
 extern int clapiInitRc;
 

@@ -84,14 +84,26 @@ constexpr RcName kChannelNames[] = {
     {-121, "ECI_ERR_LOCKFAIL"},
 };
 
-// -316 and -317 have no names of their own; the Gateway's -28 and -29 do.
-constexpr RcName kEsiNames[] = {
-    {-300, "ESI_ERR_USERID_INVALID"},     {-301, "ESI_ERR_NULL_USERID"},      {-302, "ESI_ERR_PASSWORD_INVALID"},
-    {-303, "ESI_ERR_NULL_PASSWORD"},      {-304, "ESI_ERR_PEM_NOT_SUPPORTED"}, {-305, "ESI_ERR_PEM_NOT_ACTIVE"},
-    {-306, "ESI_ERR_PASSWORD_EXPIRED"},   {-307, "ESI_ERR_SECURITY_ERROR"},    {-308, "ESI_ERR_RESOURCE_SHORTAGE"},
-    {-309, "ESI_ERR_NO_SESSIONS"},        {-310, "ESI_ERR_NO_ORIS"},           {-311, "ESI_ERR_ORIS_DIED"},
-    {-312, "ESI_ERR_UNKNOWN_SERVER"},     {-313, "ESI_ERR_SYSTEM_ERROR"},      {-314, "ESI_ERR_NULL_NEW_PASSWORD"},
-    {-315, "ESI_ERR_PASSWORD_REJECTED"},  {-28, "ESI_ERR_MAX_SYSTEMS"},        {-29, "ESI_ERR_MAX_SESSIONS"},
+// Each ESI name answers to the ESI code and to the Gateway code mapped to it. -316 and
+// -317 have no names of their own; only the Gateway's -28 and -29 name them.
+struct EsiName {
+    int esiRc;
+    int gatewayRc;
+    const char* name;
+};
+
+constexpr int kNoEsiName = 1;  // no ESI code is positive
+
+constexpr EsiName kEsiNames[] = {
+    {-300, -108, "ESI_ERR_USERID_INVALID"},    {-301, -100, "ESI_ERR_NULL_USERID"},
+    {-302, -106, "ESI_ERR_PASSWORD_INVALID"},  {-303, -101, "ESI_ERR_NULL_PASSWORD"},
+    {-304, -103, "ESI_ERR_PEM_NOT_SUPPORTED"}, {-305, -104, "ESI_ERR_PEM_NOT_ACTIVE"},
+    {-306, -105, "ESI_ERR_PASSWORD_EXPIRED"},  {-307, -27, "ESI_ERR_SECURITY_ERROR"},
+    {-308, -16, "ESI_ERR_RESOURCE_SHORTAGE"},  {-309, -17, "ESI_ERR_NO_SESSIONS"},
+    {-310, -3, "ESI_ERR_NO_ORIS"},             {-311, -4, "ESI_ERR_ORIS_DIED"},
+    {-312, -22, "ESI_ERR_UNKNOWN_SERVER"},     {-313, -9, "ESI_ERR_SYSTEM_ERROR"},
+    {-314, -102, "ESI_ERR_NULL_NEW_PASSWORD"}, {-315, -107, "ESI_ERR_PASSWORD_REJECTED"},
+    {kNoEsiName, -28, "ESI_ERR_MAX_SYSTEMS"},  {kNoEsiName, -29, "ESI_ERR_MAX_SESSIONS"},
 };
 
 constexpr const char* kUnknown = "UNKNOWN";
@@ -121,8 +133,10 @@ const char* clapiEciRcName(int rc) {
 }
 
 const char* clapiEsiRcName(int rc) {
-    const char* name = find(kEsiNames, rc);
-    return name ? name : kUnknown;
+    for (const auto& entry : kEsiNames) {
+        if (entry.esiRc == rc || entry.gatewayRc == rc) return entry.name;
+    }
+    return kUnknown;
 }
 
 const char* clapiRcName(int rc) {

@@ -5,13 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "impl/clapi_buildlevel.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_tracestate.h"
 #include "platform/platform.h"
 
-#ifndef KVL_BUILD_LEVEL
-#define KVL_BUILD_LEVEL "KVL9104-LOCAL"
-#endif
 
 std::atomic<int> clapiTraceLevel{0};
 clapiTraceState clapiTrace{};

@@ -3,8 +3,7 @@
 // Every trace point is written with CLAPI_TRACE(TYPE, id, format, ...), TYPE one of
 // EXC, EVENT, ENTRY, EXIT, DEBUG. When the level does not admit the type the
 // cost is one integer comparison: the arguments are not evaluated. Formats are
-// checked by the compiler; `long` is 32 bits on Windows, so pass (unsigned long)
-// casts for %lu and (int) casts for %d.
+// checked by the compiler: pass clapiLu(x) for %lu and (int) casts for %d.
 #pragma once
 
 #include <atomic>
@@ -26,6 +25,13 @@ enum clapiTraceType { CLAPI_TYPE_EXC, CLAPI_TYPE_EVENT, CLAPI_TYPE_ENTRY, CLAPI_
 #define CLAPI_LEVEL_EXIT 3
 #define CLAPI_LEVEL_DEBUG 4
 #define CLAPI_LEVEL_DATA 4
+
+// A %lu value as the trace prints it: a 32-bit unsigned long, as on Windows, so both
+// builds write the same text (-1 prints 4294967295; a wider value keeps its low 32 bits).
+template <typename T>
+constexpr unsigned long clapiLu(T value) {
+    return static_cast<uint32_t>(value);
+}
 
 // Read without the trace lock by every trace point; written under it.
 extern std::atomic<int> clapiTraceLevel;

@@ -37,8 +37,8 @@ size_t clapiTraceData(const void* data, size_t length, uint32_t stopword, int by
     (void)stopword;
     (void)flag;
     FILE* out = clapiTraceOut();
-    fprintf(out, "Data truncation size=%lu, offset=%lu\n", (unsigned long)clapiTrace.dataLength,
-            (unsigned long)clapiTrace.dataOffset);
+    fprintf(out, "Data truncation size=%lu, offset=%lu\n", clapiLu(clapiTrace.dataLength),
+            clapiLu(clapiTrace.dataOffset));
     size_t offset = static_cast<size_t>(static_cast<unsigned int>(clapiTrace.dataOffset));
     if (!data || bytesPerLine <= 0 || length == 0 || offset >= length) {
         fflush(out);
@@ -52,7 +52,7 @@ size_t clapiTraceData(const void* data, size_t length, uint32_t stopword, int by
     while (remaining != 0) {
         size_t count = remaining < static_cast<size_t>(bytesPerLine) ? remaining : static_cast<size_t>(bytesPerLine);
         // The address column shows the low 32 bits, as a 32-bit unsigned long would.
-        fprintf(out, "0x%16.16lX: ", (unsigned long)(reinterpret_cast<uintptr_t>(p) & 0xFFFFFFFFu));
+        fprintf(out, "0x%16.16lX: ", clapiLu(reinterpret_cast<uintptr_t>(p)));
         size_t shown = dumpHex(out, p, count, bytesPerLine);
         fputs(" : ", out);
         dumpChars(out, p, shown);

@@ -148,6 +148,22 @@ TEST(ChannelEncode, EveryContainerGoesAsAddedWithItsData) {
               std::string::npos);
 }
 
+TEST(ChannelEncode, AnEmptyContainerIsDumpedLikeAnyOther) {
+    TestChannel t("DUMPED");
+    t.add("EMPTY", ECI_BIT, "");
+    t.add("FULL", ECI_BIT, "abc");
+    TraceCapture trace(4);
+    encode(t.ch);
+    auto dumps = trace.linesWithId(3247);
+    ASSERT_EQ(dumps.size(), 2u) << trace.text();
+    EXPECT_NE(dumps[0].find(" len=0 stopword=00000000"), std::string::npos) << dumps[0];
+    EXPECT_NE(dumps[1].find(" len=3 stopword=00000000"), std::string::npos) << dumps[1];
+    // Name, then the data: two writeBytes per container.
+    size_t writes = 0;
+    for (const auto& line : trace.linesWithId(2560)) writes += line.find("dataLen=0)") != std::string::npos;
+    EXPECT_EQ(writes, 1u) << "the empty container's data goes through writeBytes";
+}
+
 TEST(ChannelEncode, RequestSizeCountsFourBytesMorePerContainer) {
     TestChannel t("SIZED");
     t.add("A", ECI_BIT, std::string(100, 'a'));

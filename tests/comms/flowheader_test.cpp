@@ -3,6 +3,8 @@
 
 #include <cstring>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "comms/clapi_socketcomms.h"
 #include "kvlclient.h"
@@ -50,6 +52,26 @@ TEST(FlowSend, CloseRequestIsThirtyThreeBytes) {
                    0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x04,
                    'B',  'A',  'S',  'E',  0x00, 0x00, 0x00, 0x00, 0x00};
     EXPECT_EQ(sentFlow(clapiFlowCloseRequest), expected);
+}
+
+// The header's request type goes out through writeBytes, so its ENTRY/EXIT pair sits
+// between the header's own; the six ints and the flags byte trace nothing of their own.
+TEST(FlowSend, RequestTypeIsWrittenThroughWriteBytes) {
+    TraceCapture trace(3);
+    sentFlow(clapiFlowCloseRequest);
+    std::vector<std::string> sequence;
+    for (const auto& line : trace.lines()) {
+        for (const char* id : {"[3210]", "[2560]", "[2569]", "[3211]"}) {
+            if (line.find(id) != std::string::npos) sequence.push_back(kvltest::traceMessage(line));
+        }
+    }
+    std::vector<std::string> expected = {"", "", "clapi_socketbuffer.writeBytes()", "clapi_socketcomms.writeHeader()"};
+    ASSERT_EQ(sequence.size(), expected.size()) << trace.text();
+    EXPECT_EQ(sequence[0].rfind("clapi_socketcomms.writeHeader(sockBuffer=", 0), 0u) << sequence[0];
+    EXPECT_EQ(sequence[1].rfind("clapi_socketbuffer.writeBytes(sockBuffer=", 0), 0u) << sequence[1];
+    EXPECT_NE(sequence[1].find(", dataLen=4)"), std::string::npos) << sequence[1];
+    EXPECT_EQ(sequence[2], expected[2]);
+    EXPECT_EQ(sequence[3], expected[3]);
 }
 
 TEST(FlowSend, HandshakeCarriesApplidAndQualifierAsUtf8) {

@@ -193,6 +193,30 @@ TEST_F(EciChannel, CommitNeitherLocksNorSendsTheChannel) {
     EXPECT_FALSE(flows[1].eci->channel.has_value());
 }
 
+TEST_F(EciChannel, CommitAndBackoutStillSettleAnUnsetCcsid) {
+    int ccsid = 0;
+    ASSERT_EQ(getCurrentCcsid(&ccsid), 0);
+    for (short mode : {ECI_COMMIT, ECI_BACKOUT}) {
+        Bytes area(16, 0);
+        EciParms open = callParms(ECI_SYNC, "LUW", area);
+        open.eci_extend_mode = ECI_EXTENDED;
+        ASSERT_EQ(execute(open), ECI_NO_ERROR);
+        chanTok fresh = nullptr;
+        ASSERT_EQ(ECI_createChannel("LUWCHAN", &fresh), ECI_NO_ERROR);
+        ASSERT_EQ(fresh->ccsid, -1) << "a new channel has no CCSID";
+        TraceCapture trace(2);
+        EciParms p = channelParms(ECI_SYNC, "LUW");
+        p.eci_channel = fresh;
+        p.eci_extend_mode = mode;
+        p.eci_luw_token = open.eci_luw_token;
+        EXPECT_EQ(executeChannel(p), ECI_NO_ERROR) << mode;
+        EXPECT_EQ(fresh->ccsid, ccsid) << mode;
+        EXPECT_TRUE(traced(trace, 1514, "Channel \"LUWCHAN\" CCSID set to " + std::to_string(ccsid))) << mode;
+        EXPECT_EQ(fresh->isLocked, 0) << mode;
+        EXPECT_EQ(ECI_deleteChannel(&fresh), ECI_NO_ERROR);
+    }
+}
+
 TEST_F(EciChannel, ChecksComeInOrder) {
     TraceCapture trace(1);
     EciParms p = channelParms(ECI_SYNC, "CHANECHO");

@@ -206,7 +206,7 @@ TEST_F(EmulatorTest, MalformedFlowsAreRecordedAndCloseOnlyTheirConnection) {
     EXPECT_EQ(roundTrip(*healthy, 1, call("ECHO", text("still here"))).commarea, text("still here"));
 }
 
-TEST_F(EmulatorTest, LogWritesOneLinePerFlow) {
+TEST_F(EmulatorTest, LogWritesOneLinePerRequestAndAtLevelTwoPerFlow) {
     std::vector<std::string> lines;
     std::mutex mu;
     emu.setLog(
@@ -214,12 +214,17 @@ TEST_F(EmulatorTest, LogWritesOneLinePerFlow) {
             std::lock_guard<std::mutex> lock(mu);
             lines.push_back(line);
         },
-        1);
+        2);
     auto c = client();
-    roundTrip(*c, 1, call("ECHO", text("x")));
+    roundTrip(*c, 1, call("ECHO", text("xyz")));
     ASSERT_TRUE(emu.waitForRepliesSent(1, kWaitMs));
     emu.setLog(nullptr, 0);  // the sink's captures end with this test
-    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& l) {
-        return l.find("<- REQUEST ECI id=1") != std::string::npos && l.find("program=ECHO") != std::string::npos;
-    }));
+    auto has = [&](const std::string& a, const std::string& b) {
+        return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) {
+            return l.find(a) != std::string::npos && l.find(b) != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(has("<- REQUEST ECI id=1", "program=ECHO"));
+    // The request's own line: program, lengths, code and time.
+    EXPECT_TRUE(has("conn 0 id 1 ECI ECHO in 3 out 3 rc 0 ", " ms"));
 }

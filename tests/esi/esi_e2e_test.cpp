@@ -103,17 +103,30 @@ TEST_F(EsiEndToEnd, GatewayCodesComeBackMappedAndDetailsStayUntouched) {
         const char* userid;
         const char* password;
         int expected;
+        const char* gatewayLine;
+        const char* exitLine;
     };
+    // The receiver names the Gateway's own code; the exit line names the mapped one.
     const Case cases[] = {
-        {"ALICE", "WRONG", ESI_ERR_PASSWORD_INVALID},
-        {"NOBODY", "X", ESI_ERR_USERID_INVALID},
-        {"BOB", "OLDPW", ESI_ERR_PASSWORD_EXPIRED},
+        {"ALICE", "WRONG", ESI_ERR_PASSWORD_INVALID, "rc=-106 (ESI_ERR_PASSWORD_INVALID)",
+         "rc=-302 (ESI_ERR_PASSWORD_INVALID)"},
+        {"NOBODY", "X", ESI_ERR_USERID_INVALID, "rc=-108 (ESI_ERR_USERID_INVALID)",
+         "rc=-300 (ESI_ERR_USERID_INVALID)"},
+        {"BOB", "OLDPW", ESI_ERR_PASSWORD_EXPIRED, "rc=-105 (ESI_ERR_PASSWORD_EXPIRED)",
+         "rc=-306 (ESI_ERR_PASSWORD_EXPIRED)"},
     };
     for (const auto& c : cases) {
+        kvltest::TraceCapture trace(3);
         esiDetails d = poisoned();
         esiDetails before = d;
         EXPECT_EQ(KVL_ESI_verifyPassword(token, c.userid, c.password, nullptr, &d), c.expected) << c.userid;
         EXPECT_EQ(memcmp(&d, &before, sizeof d), 0) << c.userid;
+        auto received = trace.linesWithId(3044);
+        ASSERT_EQ(received.size(), 1u) << c.userid;
+        EXPECT_NE(received[0].find(c.gatewayLine), std::string::npos) << received[0];
+        auto exits = trace.linesWithId(1805);
+        ASSERT_EQ(exits.size(), 1u) << c.userid;
+        EXPECT_NE(exits[0].find(c.exitLine), std::string::npos) << exits[0];
     }
 }
 

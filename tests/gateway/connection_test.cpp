@@ -220,6 +220,28 @@ TEST_F(ConnectionTest, ASecondCloseWhileOneRunsIsRefused) {
     EXPECT_EQ(nullptr, token);
 }
 
+// Close-all during a close: it counts the token and is refused its close and
+// delete; the running close still ends it, once.
+TEST_F(ConnectionTest, CloseAllDuringACloseLeavesTheTokenToIt) {
+    gwTok token = nullptr;
+    ASSERT_EQ(0, open(&token));
+    gwTok copy = token;
+    ASSERT_EQ(0, clapiRegisterRequest(token));  // a call inside the library holds the close
+    std::atomic<int> closeRc{1};
+    TraceCapture trace(4);
+    std::thread closer([&] { closeRc = KVL_closeGatewayConnection(&token); });
+    ASSERT_TRUE(waitUntil([&] { return traced(trace, 2069, "Waiting for 1 API calls"); }));
+    EXPECT_EQ(0, KVL_closeAllGatewayConnections());
+    EXPECT_TRUE(traced(trace, 2037, "Entries deleted=1, rc=0"));
+    EXPECT_EQ(1u, trace.linesWithId(2035).size());
+    EXPECT_EQ(1, closeRc.load());
+    EXPECT_EQ(0, clapiUnregisterRequest(copy));
+    closer.join();
+    EXPECT_EQ(0, closeRc.load());
+    EXPECT_EQ(nullptr, token);
+    EXPECT_EQ(1u, trace.linesWithId(2032).size()) << "freed exactly once";
+}
+
 TEST_F(ConnectionTest, ManyConnectionsOpenAndCloseFromSeveralThreads) {
     constexpr int kThreads = 8;
     constexpr int kRounds = 10;

@@ -139,6 +139,36 @@ TEST_F(TokenListTest, CloseAllDeletesEveryToken) {
     EXPECT_EQ(nullptr, gtlHead());
 }
 
+// Close-all also walks tokens whose close is running: it counts them, their close
+// gives -140, and a token another delete is working on is left to that delete.
+TEST_F(TokenListTest, CloseAllWalksTokensWhoseCloseIsRunning) {
+    kvlGatewayToken* open = chainedToken(1001);
+    kvlGatewayToken* closed = chainedToken(1002);  // closed, its delete not yet begun
+    kvlGatewayToken* beingDeleted = chainedToken(1003);
+    ASSERT_EQ(0, clapiCloseGatewayToken(closed, true));
+    ASSERT_EQ(0, clapiCloseGatewayToken(beingDeleted, true));
+    clapiRequestLock(&clapiGtlLock);
+    beingDeleted->deleting = 1;  // as another thread's delete leaves it during its quiesce
+    clapiReleaseLock(&clapiGtlLock);
+
+    TraceCapture trace(3);
+    EXPECT_EQ(0, clapiDeleteGatewayTokens());
+    EXPECT_EQ(3u, trace.linesWithId(2035).size());
+    EXPECT_TRUE(traced(trace, 2037, "Entries deleted=3, rc=0"));
+    size_t refusedCloses = 0;
+    for (const auto& line : trace.linesWithId(2019)) refusedCloses += line.find("rc=-140") != std::string::npos;
+    EXPECT_EQ(2u, refusedCloses);
+    EXPECT_EQ(FIND_TOKEN_NOT_FOUND, find(open));
+    EXPECT_EQ(FIND_TOKEN_NOT_FOUND, find(closed));
+    ASSERT_EQ(FIND_TOKEN_FOUND, find(beingDeleted)) << "the second delete freed it";
+    EXPECT_EQ(1, beingDeleted->deleting);
+
+    clapiRequestLock(&clapiGtlLock);
+    beingDeleted->deleting = 0;
+    clapiReleaseLock(&clapiGtlLock);
+    EXPECT_EQ(0, clapiDeleteGatewayToken(&beingDeleted, 0, true));
+}
+
 TEST_F(TokenListTest, TheDumpListsEveryTokenWhateverTheLevel) {
     {
         TraceCapture trace(0);

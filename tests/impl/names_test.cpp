@@ -46,6 +46,54 @@ TEST(Names, LookupChainPrecedenceAndFallThrough) {
     }
 }
 
+// Every code of every table through the whole chain: the first table that knows it names it.
+TEST(Names, EveryCodeOfEveryTableThroughTheChain) {
+    struct Case {
+        int rc;
+        const char* name;
+    };
+    const Case cases[] = {
+        // KVL_ table.
+        {0, "KVL_OK"}, {-9, "KVL_ERR_SYSTEM_ERROR"}, {-25, "KVL_ERR_MORE_SYSTEMS"}, {-26, "KVL_ERR_NO_SYSTEMS"},
+        {-100, "KVL_ERR_NULLGWTOK"}, {-101, "KVL_ERR_BADGWTOK"}, {-102, "KVL_ERR_LOSTGWCON"},
+        {-103, "KVL_ERR_NULLPARM"}, {-104, "KVL_ERR_TRACELEVEL"}, {-107, "KVL_ERR_BADPORT"},
+        {-108, "KVL_ERR_NULLGWTOKPTR"}, {-109, "KVL_ERR_NULLPTR"}, {-111, "KVL_ERR_MALLOCFAIL"},
+        {-118, "KVL_ERR_CONNECTFAILED"}, {-130, "KVL_ERR_TRACEFILE"}, {-132, "KVL_ERR_BADHOST"},
+        {-133, "KVL_ERR_NULLADDRESS"}, {-134, "KVL_ERR_CONNECTTIMEOUT"}, {-137, "KVL_ERR_NULLECIPOINTER"},
+        {-138, "KVL_ERR_INVALIDTIMEOUTPARM"}, {-139, "KVL_ERR_APPLIDTOOLONG"}, {-140, "KVL_ERR_GWTOK_CLOSED"},
+        {61444, "KVL_ERR_GATEWAY_CLOSED"}, {61445, "KVL_ERR_WORK_WAS_REFUSED"},
+        {61446, "KVL_ERR_GATEWAY_EXCEPTION"}, {61450, "KVL_ERR_GATEWAY_BACK_LEVEL"},
+        {61451, "KVL_ERR_INVALID_REQUEST_TYPE"},
+        // ECI table (-9 went to KVL_ above).
+        {-1, "ECI_ERR_INVALID_DATA_LENGTH"}, {-2, "ECI_ERR_INVALID_EXTEND_MODE"}, {-3, "ECI_ERR_NO_ORIS"},
+        {-4, "ECI_ERR_ORIS_DIED"}, {-5, "ECI_ERR_REQUEST_TIMEOUT"}, {-6, "ECI_ERR_RESPONSE_TIMEOUT"},
+        {-7, "ECI_ERR_TRANSACTION_ABEND"}, {-8, "ECI_ERR_LUW_TOKEN"}, {-14, "ECI_ERR_INVALID_CALL_TYPE"},
+        {-15, "ECI_ERR_ALREADY_ACTIVE"}, {-16, "ECI_ERR_RESOURCE_SHORTAGE"}, {-17, "ECI_ERR_NO_SESSIONS"},
+        {-19, "ECI_ERR_INVALID_DATA_AREA"}, {-21, "ECI_ERR_INVALID_VERSION"}, {-22, "ECI_ERR_UNKNOWN_SERVER"},
+        {-27, "ECI_ERR_SECURITY_ERROR"}, {-28, "ECI_ERR_MAX_SYSTEMS"}, {-29, "ECI_ERR_MAX_SESSIONS"},
+        {-30, "ECI_ERR_ROLLEDBACK"}, {-32, "ECI_ERR_NO_REPLY"}, {-33, "ECI_ERR_INVALID_MSG_QUAL"},
+        // Channel table (0, -1, -9, -109, -111 were named above).
+        {-50, "ECI_ERR_INVALID_CHANNEL"}, {-51, "ECI_ERR_INVALID_NAME"}, {-52, "ECI_ERR_NULLCHANNELPTR"},
+        {-53, "ECI_ERR_CHANNELLOCKFAIL"}, {-54, "ECI_ERR_ENDOFCONTAINERS"}, {-55, "ECI_ERR_NULLINFOPTR"},
+        {-56, "ECI_ERR_INVALID_TYPE"}, {-58, "ECI_ERR_CONTAINER_NOTFOUND"}, {-59, "ECI_ERR_CONTAINER_EXISTS"},
+        {-60, "ECI_ERR_COMMAREA_AND_CHANNEL"}, {-121, "ECI_ERR_LOCKFAIL"},
+        // ESI codes.
+        {-300, "ESI_ERR_USERID_INVALID"}, {-301, "ESI_ERR_NULL_USERID"}, {-302, "ESI_ERR_PASSWORD_INVALID"},
+        {-303, "ESI_ERR_NULL_PASSWORD"}, {-304, "ESI_ERR_PEM_NOT_SUPPORTED"}, {-305, "ESI_ERR_PEM_NOT_ACTIVE"},
+        {-306, "ESI_ERR_PASSWORD_EXPIRED"}, {-307, "ESI_ERR_SECURITY_ERROR"}, {-308, "ESI_ERR_RESOURCE_SHORTAGE"},
+        {-309, "ESI_ERR_NO_SESSIONS"}, {-310, "ESI_ERR_NO_ORIS"}, {-311, "ESI_ERR_ORIS_DIED"},
+        {-312, "ESI_ERR_UNKNOWN_SERVER"}, {-313, "ESI_ERR_SYSTEM_ERROR"}, {-314, "ESI_ERR_NULL_NEW_PASSWORD"},
+        {-315, "ESI_ERR_PASSWORD_REJECTED"}, {-316, "UNKNOWN"}, {-317, "UNKNOWN"},
+        // The Gateway's security codes no earlier table knows are named by the ESI table.
+        {-105, "ESI_ERR_PASSWORD_EXPIRED"}, {-106, "ESI_ERR_PASSWORD_INVALID"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_STREQ(clapiRcName(c.rc), c.name) << "rc " << c.rc;
+        char buffer[KVL_RC_STRING_LENGTH];
+        EXPECT_STREQ(KVL_getRcString(c.rc, buffer), c.name) << "rc " << c.rc;
+    }
+}
+
 TEST(Names, TableFunctionsAnswerOnTheirOwn) {
     EXPECT_STREQ(clapiEciRcName(-9), "ECI_ERR_SYSTEM_ERROR");
     EXPECT_STREQ(clapiEciRcName(0), "ECI_NO_ERROR");

@@ -87,3 +87,34 @@ TEST(HexDump, OffsetMovesTheStartAndAnOffsetPastTheEndDumpsNothing) {
     EXPECT_EQ(kvltest::traceMessage(trace.linesWithId(1052)[1]),
               "API.KVL_setAPITraceDataOffset() Trace data offset changed from 20 to 4000");
 }
+
+// %lu reads a 32-bit unsigned long on every build, so Linux writes what Windows writes.
+TEST(HexDump, LongValuesPrintAsThirtyTwoBitsOnEveryBuild) {
+    kvltest::TraceCapture trace(4);
+    KVL_setAPITraceDataLength(-1);
+    KVL_setAPITraceDataOffset(-2);
+    uint8_t data[4] = {1, 2, 3, 4};
+    CLAPI_TRACE_DATA(9105, data, sizeof data, "e\n");
+    struct Case {
+        int id;
+        size_t index;
+        const char* message;
+    };
+    const Case cases[] = {
+        {1048, 0, "API.KVL_setAPITraceDataLength(dataLength=4294967295)"},
+        {1049, 0, "API.KVL_setAPITraceDataLength() Trace data truncation length changed from 128 to 4294967295"},
+        {1051, 0, "API.KVL_setAPITraceDataOffset(dataOffset=4294967294)"},
+        {1052, 0, "API.KVL_setAPITraceDataOffset() Trace data offset changed from 0 to 4294967294"},
+    };
+    for (const auto& c : cases) {
+        auto lines = trace.linesWithId(c.id);
+        ASSERT_GT(lines.size(), c.index) << c.id;
+        EXPECT_EQ(kvltest::traceMessage(lines[c.index]), c.message);
+    }
+    EXPECT_TRUE(trace.contains("Data truncation size=4294967295, offset=4294967294\n")) << trace.text();
+    KVL_setAPITraceDataOffset(0);
+    EXPECT_TRUE(trace.contains("changed from 4294967294 to 0"));
+
+    EXPECT_EQ(clapiLu(uint64_t{0x100000005}), 5ul) << "a wider value keeps its low 32 bits";
+    EXPECT_EQ(clapiLu(-1), 4294967295ul);
+}

@@ -9,14 +9,11 @@ namespace kvlemu {
 namespace {
 
 constexpr size_t kReadChunk = 64 * 1024;
-// How often a waiting reader looks at the drop flag: shutting a socket down
-// does not wake a blocked receive everywhere (not under Wine, for one).
-constexpr int kReadPollMs = 100;
 
-// Buffered reads from a socket.
-class SocketReader {
+// Buffered reads from a connection's stream.
+class StreamReader {
 public:
-    SocketReader(net::Socket s, const std::atomic<bool>& dropped) : sock_(s), dropped_(dropped), buf_(kReadChunk) {}
+    explicit StreamReader(Stream& s) : stream_(s), buf_(kReadChunk) {}
 
     // False when the stream ended (or failed) before any byte of a new flow.
     bool more() { return len_ > pos_ || fill(); }
@@ -35,18 +32,14 @@ public:
 
 private:
     bool fill() {
-        while (!net::waitReadable(sock_, kReadPollMs))
-            if (dropped_) return false;
-        if (dropped_) return false;
-        long got = net::recvSome(sock_, buf_.data(), buf_.size());
+        long got = stream_.read(buf_.data(), buf_.size());
         if (got <= 0) return false;
         pos_ = 0;
         len_ = static_cast<size_t>(got);
         return true;
     }
 
-    net::Socket sock_;
-    const std::atomic<bool>& dropped_;
+    Stream& stream_;
     std::vector<uint8_t> buf_;
     size_t pos_ = 0;
     size_t len_ = 0;
@@ -55,7 +48,7 @@ private:
 // Bytes of one flow: at most `budget` of them, each appended to the record.
 class FlowSource : public wire::Source {
 public:
-    FlowSource(SocketReader& in, wire::Bytes& raw, uint64_t budget) : in_(in), raw_(raw), budget_(budget) {}
+    FlowSource(StreamReader& in, wire::Bytes& raw, uint64_t budget) : in_(in), raw_(raw), budget_(budget) {}
 
     bool take(uint8_t* dst, size_t n) override {
         if (n > budget_ || !in_.read(dst, n)) return false;
@@ -76,7 +69,7 @@ public:
     }
 
 private:
-    SocketReader& in_;
+    StreamReader& in_;
     wire::Bytes& raw_;
     uint64_t budget_;
 };
@@ -100,28 +93,17 @@ std::string describe(const RecordedFlow& f) {
 
 }  // namespace
 
-void Emulator::Impl::record(RecordedFlow&& flow) {
-    log(1, describe(flow), &flow.raw);
+void Emulator::Impl::record(const RecordedFlow& flow) {
+    if (verbosity >= 2) log(2, describe(flow), &flow.raw);
     std::lock_guard<std::mutex> lock(m);
-    flow.sequence = nextSequence++;
     ++flowTotal;
     if (recordLimit > 0) {
         if (flows.size() >= recordLimit) flows.pop_front();
-        flows.push_back(std::move(flow));
+        flows.push_back(flow);  // the copy is only made when the record keeps it
+        flows.back().sequence = nextSequence;
     }
+    ++nextSequence;
     cv.notify_all();
-}
-
-void Emulator::Impl::joinFinishedWorkers(Connection& conn) {
-    for (auto it = conn.workers.begin(); it != conn.workers.end();) {
-        if (it->done) {
-            // Its last step was releasing m: the join returns at once.
-            it->thread.join();
-            it = conn.workers.erase(it);
-        } else {
-            ++it;
-        }
-    }
 }
 
 void Emulator::Impl::markClosed(Connection& conn) {
@@ -147,7 +129,7 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
         return;
     }
 
-    SocketReader in(conn->sock, conn->dropped);
+    StreamReader in(*conn->stream);
     for (;;) {
         if (!in.more()) {
             log(1, "conn " + std::to_string(conn->index) + " ended by the peer");
@@ -200,20 +182,21 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
             ok = false;
         }
         rec.bodyBytesRead = ok ? static_cast<uint32_t>(h.bodyLength - body.remaining()) : 0;
+        tap(*conn, true, rec.raw);
         if (!ok) {
             rec.kind = RecordedFlow::Kind::Malformed;
             rec.error = error;
-            record(std::move(rec));
+            record(rec);
             drop(*conn, "malformed flow");
             break;
         }
 
+        record(rec);
         const RecordedFlow::Kind kind = rec.kind;
         const wire::Header header = rec.header;
-        std::optional<wire::EciRequest> eci = rec.eci;
-        std::optional<wire::EsiRequest> esi = rec.esi;
-        std::optional<wire::Handshake> hs = rec.handshake;
-        record(std::move(rec));
+        std::optional<wire::EciRequest> eci = std::move(rec.eci);
+        std::optional<wire::EsiRequest> esi = std::move(rec.esi);
+        std::optional<wire::Handshake> hs = std::move(rec.handshake);
 
         bool closeNow = false;
         switch (kind) {
@@ -259,32 +242,23 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
                     closeNow = true;
                 }
                 break;
-            case RecordedFlow::Kind::EciCall: {
-                std::lock_guard<std::mutex> lock(m);
-                if (stopping) break;
-                joinFinishedWorkers(*conn);
-                ++conn->activeWorkers;
-                Worker& w = conn->workers.emplace_back();
-                // The worker needs m to finish, so it cannot end before w.thread is set.
-                w.thread = std::thread([this, conn, &w, header, request = std::move(*eci)]() mutable {
-                    runEciCall(conn, header, std::move(request));
-                    std::lock_guard<std::mutex> done(m);
-                    w.done = true;
-                    --conn->activeWorkers;
-                    cv.notify_all();
-                });
+            case RecordedFlow::Kind::EciCall:
+                startEciCall(conn, header, std::move(*eci));
                 break;
-            }
             case RecordedFlow::Kind::ListSystems:
-                answerListSystems(*conn, header, *eci);
+                answerListSystems(conn, header, *eci);
                 break;
             case RecordedFlow::Kind::Esi:
-                answerEsi(*conn, header, *esi);
+                answerEsi(conn, header, *esi);
                 break;
             default:
                 if (header.flowType == wire::kFlowRequest) {
-                    deliver(*conn, header, flows::error(header.messageId, rc::kInvalidRequestType, header.requestType),
-                            std::nullopt);
+                    RequestNote note;
+                    note.what = "request type " + header.requestType;
+                    note.rc = rc::kInvalidRequestType;
+                    deliver(conn, header,
+                            flows::error(header.messageId, rc::kInvalidRequestType, header.requestType),
+                            std::nullopt, note);
                 }
                 break;
         }

@@ -1,7 +1,10 @@
 #include "emu_socket.h"
 
+#include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <type_traits>
 
 #ifdef _WIN32
 #include <winsock2.h>
@@ -96,7 +99,7 @@ Socket listenOn(const std::string& address, uint16_t port, uint16_t* boundPort, 
     }
     Native s = socket(res->ai_family, res->ai_socktype, res->ai_protocol);
     if (wrap(s) == kInvalidSocket) {
-        if (error) *error = "socket() failed, error " + std::to_string(lastError());
+        if (error) *error = "socket() failed: " + errorText(lastError());
         freeaddrinfo(res);
         return kInvalidSocket;
     }
@@ -105,7 +108,7 @@ Socket listenOn(const std::string& address, uint16_t port, uint16_t* boundPort, 
     setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
 #endif
     if (bind(s, res->ai_addr, static_cast<socklen_t>(res->ai_addrlen)) != 0 || listen(s, 64) != 0) {
-        if (error) *error = "cannot listen on " + address + ":" + portText + ", error " + std::to_string(lastError());
+        if (error) *error = "cannot listen on " + address + ":" + portText + ": " + errorText(lastError());
         freeaddrinfo(res);
         closeSocket(wrap(s));
         return kInvalidSocket;
@@ -183,6 +186,49 @@ long recvSome(Socket s, uint8_t* data, size_t len) {
 }
 
 bool waitReadable(Socket s, int timeoutMs) { return pollOne(s, POLLIN, timeoutMs); }
+
+long recvUntilStopped(Socket s, uint8_t* data, size_t len, const std::atomic<bool>& stop) {
+#ifdef _WIN32
+    // Shutting a socket down does not wake a blocked receive here.
+    constexpr int kStopPollMs = 100;
+    while (!waitReadable(s, kStopPollMs))
+        if (stop) return -1;
+#endif
+    if (stop) return -1;
+    return recvSome(s, data, len);
+}
+
+std::string errorText(int code) {
+    std::string text;
+#ifdef _WIN32
+    char buf[512] = {0};
+    DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                             static_cast<DWORD>(code), 0, buf, sizeof buf, nullptr);
+    text.assign(buf, n);
+    if (text.find_first_not_of(" \r\n.") == std::string::npos) {
+        // Systems without a message table for socket errors: the common ones by name.
+        switch (code) {
+            case WSAEADDRINUSE: text = "address already in use"; break;
+            case WSAEADDRNOTAVAIL: text = "cannot assign requested address"; break;
+            case WSAEACCES: text = "permission denied"; break;
+            default: text.clear(); break;
+        }
+    }
+#else
+    char buf[256] = {0};
+    // The GNU strerror_r returns the text; the XSI one fills buf.
+    auto r = strerror_r(code, buf, sizeof buf);
+    if constexpr (std::is_same_v<decltype(r), char*>)
+        text = r;
+    else
+        text = buf;
+#endif
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ' || text.back() == '.'))
+        text.pop_back();
+    if (text.empty()) return "error " + std::to_string(code);
+    text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+    return text + " (error " + std::to_string(code) + ")";
+}
 
 void shutdownBoth(Socket s) {
     if (s == kInvalidSocket) return;

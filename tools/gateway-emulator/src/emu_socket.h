@@ -2,6 +2,7 @@
 // difference (start-up, handle type, close, SIGPIPE, polling) stays in emu_socket.cpp.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,7 +16,8 @@ constexpr Socket kInvalidSocket = ~static_cast<Socket>(0);
 bool startup();
 
 // Listening TCP socket on address:port (port 0 picks a free one, reported in
-// *boundPort). kInvalidSocket on failure with a reason in *error.
+// *boundPort). kInvalidSocket on failure with a reason in *error that ends
+// with the system's own text ("address already in use").
 Socket listenOn(const std::string& address, uint16_t port, uint16_t* boundPort, std::string* error);
 
 // Waits at most timeoutMs for a pending connection; kInvalidSocket when none came.
@@ -33,9 +35,17 @@ long recvSome(Socket s, uint8_t* data, size_t len);
 // True when data (or end of stream) can be read within timeoutMs.
 bool waitReadable(Socket s, int timeoutMs);
 
+// One receive that also ends (with -1) soon after `stop` is set and the socket
+// shut down. Where shutting a socket down wakes a blocked receive it simply
+// waits; elsewhere (Wine, for one) it polls the flag between short waits.
+long recvUntilStopped(Socket s, uint8_t* data, size_t len, const std::atomic<bool>& stop);
+
 // Ends both directions so that a thread blocked in recvSome returns; the
 // handle stays valid until closeSocket.
 void shutdownBoth(Socket s);
 void closeSocket(Socket s);
+
+// The system's text for a socket error code, lower-case first letter, no full stop.
+std::string errorText(int code);
 
 }  // namespace kvlemu::net

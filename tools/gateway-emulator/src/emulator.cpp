@@ -51,6 +51,35 @@ Fault Fault::garbage(wire::Bytes bytes) {
     return f;
 }
 
+Fault Fault::pingStorm(int count) {
+    Fault f = of(Kind::PingStorm);
+    f.count = count;
+    return f;
+}
+
+Fault Fault::delay(int milliseconds) {
+    Fault f = of(Kind::Delay);
+    f.delayMs = milliseconds;
+    return f;
+}
+
+const char* faultKindName(Fault::Kind kind) {
+    switch (kind) {
+        case Fault::Kind::Ping: return "ping";
+        case Fault::Kind::Exception: return "exception";
+        case Fault::Kind::ErrorFlow: return "error";
+        case Fault::Kind::CloseFlow: return "close";
+        case Fault::Kind::StrayReply: return "stray";
+        case Fault::Kind::Garbage: return "garbage";
+        case Fault::Kind::Drop: return "drop";
+        case Fault::Kind::DropMidReply: return "drop-mid-reply";
+        case Fault::Kind::NoReply: return "no-reply";
+        case Fault::Kind::PingStorm: return "ping-storm";
+        case Fault::Kind::Delay: return "delay";
+    }
+    return "?";
+}
+
 wire::EsiDetails User::defaultDetails() {
     // Wire order: first time, third time, second time, count.
     return {2024, 4, 1, 12, 30, 45, 0,   //
@@ -98,6 +127,8 @@ bool Emulator::start(const std::string& address, uint16_t port) {
     impl_->boundPort = bound;
     impl_->started = true;
     impl_->stopping = false;
+    impl_->pool.restart();
+    impl_->timers.restart();
     impl_->acceptThread = std::thread([this] { impl_->acceptLoop(); });
     return true;
 }
@@ -128,23 +159,28 @@ void Emulator::stop() {
     }
     if (impl_->acceptThread.joinable()) impl_->acceptThread.join();
     for (auto& c : conns) impl_->drop(*c, "emulator stopping");
-    for (auto& c : conns) {
+    for (auto& c : conns)
         if (c->reader.joinable()) c->reader.join();
-        std::list<Worker> workers;
-        {
-            std::lock_guard<std::mutex> lock(impl_->m);
-            workers.swap(c->workers);
-        }
-        for (auto& w : workers)
-            if (w.thread.joinable()) w.thread.join();
+    // Programs on the pool see `stopping` in their waits and return; replies
+    // waiting for a timer or a gate are dropped with the connections they hold.
+    impl_->pool.stop();
+    impl_->timers.stop();
+    std::vector<std::function<void()>> held;
+    {
+        std::lock_guard<std::mutex> lock(impl_->m);
+        for (auto& [name, gate] : impl_->gates)
+            for (auto& h : gate.held) held.push_back(std::move(h));
     }
+    held.clear();
     std::lock_guard<std::mutex> lock(impl_->m);
-    for (auto& c : impl_->live) net::closeSocket(c->sock);
     impl_->live.clear();
     net::closeSocket(impl_->listener);
     impl_->listener = net::kInvalidSocket;
     impl_->started = false;
-    for (auto& [name, gate] : impl_->gates) gate.waiters = 0;
+    for (auto& [name, gate] : impl_->gates) {
+        gate.waiters = 0;
+        gate.held.clear();
+    }
     impl_->cv.notify_all();
 }
 
@@ -159,13 +195,10 @@ void Emulator::Impl::acceptLoop() {
         net::Socket s = net::acceptWithin(listener, kAcceptPollMs, &peer);
         if (s == net::kInvalidSocket) continue;
         auto conn = std::make_shared<Connection>();
-        conn->sock = s;
+        conn->stream = openStream(s);
         {
             std::lock_guard<std::mutex> lock(m);
-            if (stopping) {
-                net::closeSocket(s);
-                return;
-            }
+            if (stopping) return;  // the stream closes the socket
             conn->index = static_cast<int>(infos.size());
             ConnectionInfo info;
             info.index = conn->index;
@@ -183,11 +216,10 @@ void Emulator::Impl::acceptLoop() {
 void Emulator::Impl::reapFinished() {
     for (auto it = live.begin(); it != live.end();) {
         auto& c = **it;
-        if (c.readerDone && c.activeWorkers == 0) {
-            // Finished threads: the joins return at once.
+        if (c.readerDone) {
+            // A finished thread: the join returns at once. Work still queued
+            // for the connection holds it until done.
             if (c.reader.joinable()) c.reader.join();
-            joinFinishedWorkers(c);
-            net::closeSocket(c.sock);
             it = live.erase(it);
         } else {
             ++it;
@@ -204,14 +236,46 @@ void Emulator::setHandshake(HandshakeMode mode, int32_t refuseRc) {
     impl_->refuseRc = refuseRc;
 }
 
-void Emulator::registerProgram(const std::string& name, Program program) {
+void Emulator::registerProgram(const std::string& name, Program program, ProgramRuns runs) {
     std::lock_guard<std::mutex> lock(impl_->m);
     impl_->programs[wireName(name)] = std::move(program);
+    impl_->programRuns[wireName(name)] = runs;
 }
 
 void Emulator::unregisterProgram(const std::string& name) {
     std::lock_guard<std::mutex> lock(impl_->m);
     impl_->programs.erase(wireName(name));
+    impl_->programRuns.erase(wireName(name));
+}
+
+void Emulator::reconfigure(const Setup& setup) {
+    std::map<std::string, Program> programs;
+    std::map<std::string, ProgramRuns> runs;
+    for (const auto& name : builtinProgramNames()) programs[name] = builtinProgram(name);
+    for (const auto& p : setup.programs) {
+        programs[wireName(p.name)] = p.program;
+        runs[wireName(p.name)] = p.runs;
+    }
+    std::map<std::string, User> users;
+    for (const auto& u : setup.users) users[u.userid] = u;
+    std::vector<ServerInfo> servers = setup.servers;
+    for (auto& s : servers) s.name = wireName(s.name);
+    std::vector<Impl::Trigger> triggers;
+    for (auto rule : setup.faults) {
+        if (rule.trigger.rfind('*', 0) != 0) rule.trigger = wireName(rule.trigger);
+        triggers.push_back({rule, 0});
+    }
+    std::lock_guard<std::mutex> lock(impl_->m);
+    impl_->programs.swap(programs);
+    impl_->programRuns.swap(runs);
+    impl_->users.swap(users);
+    impl_->servers.swap(servers);
+    impl_->triggers.swap(triggers);
+    impl_->handshakeMode = setup.handshake;
+    impl_->refuseRc = setup.refuseRc;
+    impl_->maxBodyLength = setup.maxBodyLength;
+    // The old values are destroyed here, after the swap: a program in flight
+    // keeps its own copy of its function.
 }
 
 void Emulator::addServer(const ServerInfo& server) {
@@ -260,11 +324,26 @@ void Emulator::setLog(LogSink sink, int verbosity) {
     impl_->verbosity = verbosity;
 }
 
+void Emulator::setFlowTap(FlowTap tap) {
+    std::lock_guard<std::mutex> lock(impl_->logMutex);
+    impl_->flowTap = std::move(tap);
+}
+
+void Emulator::setReplySource(ReplySource source) {
+    std::lock_guard<std::mutex> lock(impl_->m);
+    impl_->replySource = std::move(source);
+}
+
+void Emulator::Impl::tap(const Connection& conn, bool inbound, const wire::Bytes& flow) {
+    std::lock_guard<std::mutex> lock(logMutex);
+    if (flowTap) flowTap(conn.index, inbound, flow);
+}
+
 void Emulator::Impl::log(int level, const std::string& line, const wire::Bytes* dump) {
     std::lock_guard<std::mutex> lock(logMutex);
     if (!logSink || verbosity < level) return;
     logSink(line);
-    if (dump && verbosity >= 2) logSink(wire::hexDump(dump->data(), dump->size()));
+    if (dump && verbosity >= 3) logSink(wire::hexDump(dump->data(), dump->size()));
 }
 
 // ---------------------------------------------------------------------------
@@ -284,9 +363,29 @@ bool Emulator::inject(const Fault& fault, int connection) {
 }
 
 void Emulator::injectOnRequest(const std::string& trigger, const Fault& fault, int times) {
+    FaultRule rule;
+    rule.trigger = trigger;
+    rule.fault = fault;
+    rule.times = times;
+    addFaultRule(rule);
+}
+
+void Emulator::addFaultRule(const FaultRule& rule) {
     std::lock_guard<std::mutex> lock(impl_->m);
-    std::string name = trigger.rfind('*', 0) == 0 ? trigger : wireName(trigger);
-    impl_->triggers.push_back({name, fault, times});
+    Impl::Trigger t{rule, 0};
+    if (t.rule.trigger.rfind('*', 0) != 0) t.rule.trigger = wireName(t.rule.trigger);
+    impl_->triggers.push_back(t);
+}
+
+void Emulator::setRandomSeed(uint32_t seed) {
+    std::lock_guard<std::mutex> lock(impl_->m);
+    impl_->random.seed(seed);
+}
+
+int Emulator::randomBetween(int lo, int hi) {
+    if (hi <= lo) return lo;
+    std::lock_guard<std::mutex> lock(impl_->m);
+    return std::uniform_int_distribution<int>(lo, hi)(impl_->random);
 }
 
 void Emulator::clearFaults() {
@@ -295,13 +394,30 @@ void Emulator::clearFaults() {
 }
 
 std::optional<Fault> Emulator::Impl::takeTrigger(const std::string& name) {
-    for (auto it = triggers.begin(); it != triggers.end(); ++it) {
-        if (it->name != name && it->name != kTriggerAny) continue;
-        Fault f = it->fault;
-        if (it->times > 0 && --it->times == 0) triggers.erase(it);
-        return f;
+    // Every matching rule counts the request, so "the nth request" means the
+    // same whichever other rules fire; the first rule that fires wins.
+    std::optional<Fault> hit;
+    for (auto it = triggers.begin(); it != triggers.end();) {
+        FaultRule& r = it->rule;
+        if (r.trigger != name && r.trigger != kTriggerAny) {
+            ++it;
+            continue;
+        }
+        ++it->seen;
+        bool fires = !hit && (r.nth <= 0 || it->seen == r.nth);
+        if (fires && r.probability < 1) fires = std::uniform_real_distribution<double>(0, 1)(random) < r.probability;
+        if (!fires) {
+            ++it;
+            continue;
+        }
+        hit = r.fault;
+        if (r.times > 0 && --r.times == 0) {
+            it = triggers.erase(it);
+            continue;
+        }
+        ++it;
     }
-    return std::nullopt;
+    return hit;
 }
 
 // ---------------------------------------------------------------------------
@@ -309,13 +425,16 @@ std::optional<Fault> Emulator::Impl::takeTrigger(const std::string& name) {
 
 void Emulator::releaseGate(const std::string& gate, int count) {
     std::lock_guard<std::mutex> lock(impl_->m);
-    impl_->gates[gate].permits += count;
+    auto& g = impl_->gates[gate];
+    g.permits += count;
+    impl_->releaseHeld(g);
     impl_->cv.notify_all();
 }
 
 void Emulator::openGate(const std::string& gate) {
     std::lock_guard<std::mutex> lock(impl_->m);
     impl_->gates[gate].open = true;
+    impl_->releaseHeld(impl_->gates[gate]);
     impl_->cv.notify_all();
 }
 
@@ -333,6 +452,32 @@ size_t Emulator::gateWaiters(const std::string& gate) const {
 
 bool Emulator::waitForGateWaiters(size_t count, int timeoutMs, const std::string& gate) {
     return impl_->waitUntil(timeoutMs, [&] { return impl_->gates[gate].waiters >= count; });
+}
+
+void Emulator::Impl::passGate(const std::string& name, std::function<void()> action) {
+    {
+        std::lock_guard<std::mutex> lock(m);
+        if (stopping) return;
+        Gate& g = gates[name];
+        if (!g.open && g.permits <= 0) {
+            ++g.waiters;
+            g.held.push_back(std::move(action));
+            cv.notify_all();
+            return;
+        }
+        if (!g.open) --g.permits;
+    }
+    action();
+}
+
+void Emulator::Impl::releaseHeld(Gate& g) {
+    // Held replies go out on the timer thread, never on the caller's.
+    while (!g.held.empty() && (g.open || g.permits > 0)) {
+        if (!g.open) --g.permits;
+        if (g.waiters > 0) --g.waiters;
+        timers.after(0, std::move(g.held.front()));
+        g.held.pop_front();
+    }
 }
 
 bool Emulator::Impl::waitGate(const std::string& name) {

@@ -1,9 +1,15 @@
 // Internal state of the emulator, shared by its source files.
 //
 // Locks: Impl::m guards everything in Impl and the fields of Connection marked
-// "under m"; Connection::sendMutex guards writes to that connection's socket;
+// "under m"; Connection::sendMutex guards writes to that connection's stream;
 // logMutex only orders log lines. Order: m is never held while sending or
-// while a program runs; sendMutex may be taken with nothing else held.
+// while a program runs; sendMutex may be taken with nothing else held, and
+// logMutex (the flow tap) inside it.
+//
+// Threads: one accept thread, one reader per connection (it runs programs that
+// cannot block), a small worker pool for programs that may, and one timer
+// thread for replies sent later. Work queued on the pool or the timers holds
+// its connection by shared_ptr; the stream closes when the last holder lets go.
 #pragma once
 
 #include <atomic>
@@ -19,28 +25,37 @@
 #include <thread>
 #include <vector>
 
+#include <chrono>
+#include <functional>
+#include <random>
+
 #include "emu_socket.h"
 #include "gateway_emulator/emulator.h"
+#include "scheduler.h"
+#include "stream.h"
 
 namespace kvlemu {
 
-struct Worker {
-    std::thread thread;
-    bool done = false;  // under Impl::m; set as the thread's last step
-};
-
 struct Connection {
     int index = 0;
-    net::Socket sock = net::kInvalidSocket;
+    std::unique_ptr<Stream> stream;
     std::mutex sendMutex;
     std::atomic<bool> dropped{false};  // shut down; nothing more is sent
 
     // Under Impl::m.
     std::map<int32_t, int> luws;  // open unit-of-work token -> calls so far
     std::thread reader;
-    std::list<Worker> workers;  // one per request in progress or not yet joined
-    int activeWorkers = 0;
     bool readerDone = false;
+};
+
+// What the log line of a request says once its answer went out.
+struct RequestNote {
+    std::string what;  // "ECI GETCUST", "LIST", "ESI"
+    int32_t inLength = 0;
+    int32_t outLength = 0;
+    int32_t rc = 0;
+    std::string abend;
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
 struct Emulator::Impl {
@@ -56,18 +71,22 @@ struct Emulator::Impl {
     std::map<std::string, User> users;
     uint32_t maxBodyLength = 16u * 1024 * 1024;
     size_t recordLimit = static_cast<size_t>(-1);
+    std::map<std::string, ProgramRuns> programRuns;  // absent: OnReader (built-ins)
     LogSink logSink;
-    int verbosity = 0;
+    std::atomic<int> verbosity{0};
+    FlowTap flowTap;          // under logMutex
+    ReplySource replySource;  // under m
     struct Trigger {
-        std::string name;
-        Fault fault;
-        int times;
+        FaultRule rule;
+        int seen = 0;  // requests that matched the trigger so far
     };
     std::vector<Trigger> triggers;
+    std::mt19937 random{20240601u};
     struct Gate {
         int permits = 0;
         bool open = false;
-        size_t waiters = 0;
+        size_t waiters = 0;  // blocked programs and held replies
+        std::deque<std::function<void()>> held;  // replies waiting for a permit
     };
     std::map<std::string, Gate> gates;
 
@@ -78,6 +97,9 @@ struct Emulator::Impl {
     uint16_t boundPort = 0;
     std::string lastError;
     std::thread acceptThread;
+    std::function<std::unique_ptr<Stream>(net::Socket)> openStream = plainStream;
+    WorkerPool pool{64};
+    Timers timers;
     std::vector<std::shared_ptr<Connection>> live;  // not yet reaped
     std::vector<ConnectionInfo> infos;              // by index, kept after reaping
     std::deque<RecordedFlow> flows;
@@ -96,25 +118,31 @@ struct Emulator::Impl {
     bool sleepFor(int milliseconds);
     bool waitGate(const std::string& gate);
     std::optional<Fault> takeTrigger(const std::string& name);  // under m
+    // Sends `action` through the gate now or when a permit comes.
+    void passGate(const std::string& gate, std::function<void()> action);
+    void releaseHeld(Gate& g);  // under m
+    void tap(const Connection& conn, bool inbound, const wire::Bytes& flow);
 
     // connection.cpp
     void serve(std::shared_ptr<Connection> conn);
-    void record(RecordedFlow&& flow);
-    void joinFinishedWorkers(Connection& conn);  // under m
+    void record(const RecordedFlow& flow);
     void markClosed(Connection& conn);
 
     // send.cpp
     bool send(Connection& conn, const wire::Bytes& flow, const char* what);
     void drop(Connection& conn, const char* why);
     // Sends a request's reply, or what the fault puts in its place.
-    void deliver(Connection& conn, const wire::Header& request, const wire::Bytes& replyFlow,
-                 const std::optional<Fault>& fault);
+    void deliver(const std::shared_ptr<Connection>& conn, const wire::Header& request, const wire::Bytes& replyFlow,
+                 const std::optional<Fault>& fault, const RequestNote& note);
+    void logRequest(const Connection& conn, const wire::Header& request, const RequestNote& note,
+                    const char* outcome);
     bool injectNow(Connection& conn, const Fault& fault);
 
     // requests.cpp
-    void runEciCall(std::shared_ptr<Connection> conn, wire::Header header, wire::EciRequest request);
-    void answerListSystems(Connection& conn, const wire::Header& header, const wire::EciRequest& request);
-    void answerEsi(Connection& conn, const wire::Header& header, const wire::EsiRequest& request);
+    void startEciCall(const std::shared_ptr<Connection>& conn, const wire::Header& header, wire::EciRequest request);
+    void answerListSystems(const std::shared_ptr<Connection>& conn, const wire::Header& header,
+                           const wire::EciRequest& request);
+    void answerEsi(const std::shared_ptr<Connection>& conn, const wire::Header& header, const wire::EsiRequest& request);
     // Server for a request's server field: the default one when blank. rc 0 or -3/-22.
     int32_t route(const std::string& serverField, ServerInfo& out);  // under m
 };

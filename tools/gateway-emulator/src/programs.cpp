@@ -34,13 +34,15 @@ ProgramResult delay(const ProgramCall& call) {
     size_t i = 0;
     for (; i < call.commarea.size() && i < 6 && std::isdigit(call.commarea[i]); ++i) ms = ms * 10 + (call.commarea[i] - '0');
     if (i == 0) ms = kDefaultDelayMs;
-    call.sleepFor(std::min(ms, kMaxDelayMs));
-    return ProgramResult::echo(call);
+    ProgramResult r = ProgramResult::echo(call);
+    r.delayMs = std::min(ms, kMaxDelayMs);  // a timer, not a sleeping thread
+    return r;
 }
 
 ProgramResult gate(const ProgramCall& call) {
-    call.waitGate("GATE");
-    return ProgramResult::echo(call);
+    ProgramResult r = ProgramResult::echo(call);
+    r.gate = "GATE";  // held at the gate; no thread waits
+    return r;
 }
 
 ProgramResult luw(const ProgramCall& call) {

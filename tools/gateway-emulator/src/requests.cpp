@@ -70,29 +70,53 @@ int32_t Emulator::Impl::route(const std::string& serverField, ServerInfo& out) {
     return rc::kUnknownServer;
 }
 
-void Emulator::Impl::runEciCall(std::shared_ptr<Connection> conn, wire::Header header, wire::EciRequest req) {
+void Emulator::Impl::startEciCall(const std::shared_ptr<Connection>& conn, const wire::Header& header,
+                                  wire::EciRequest req) {
     const std::string program = wire::fieldText(req.program);
-    ProgramCall call;
-    call.connection = conn->index;
-    call.messageId = header.messageId;
-    call.requestType = req.requestType;
-    call.program = program;
-    call.userid = wire::fieldText(req.userid);
-    call.password = req.password;
-    call.tranId = wire::fieldText(req.tranId);
-    call.extendMode = req.extendMode;
-    call.timeout = req.timeout;
-    call.commareaLength = req.commareaLength;
-    call.inboundLength = req.inboundFlag ? req.inboundLength : 0;
-    call.outboundLength = req.outboundFlag ? req.outboundLength : 0;
-    call.commarea = req.commarea;
-    call.commarea.resize(static_cast<size_t>(req.commareaLength), 0);
-    call.channel = req.channel;
-    call.sleepFor = [this](int ms) { return sleepFor(ms); };
-    call.waitGate = [this](const std::string& gate) { return waitGate(gate); };
+    RequestNote note;
+    note.what = "ECI " + program;
+    note.inLength = req.commareaLength;
+
+    ReplySource replay;
+    {
+        std::lock_guard<std::mutex> lock(m);
+        replay = replySource;
+    }
+    if (replay) {
+        if (std::optional<wire::Bytes> flow = replay(header, req)) {
+            // The recorded reply, answering this request's message id.
+            if (flow->size() >= 16)
+                for (int i = 0; i < 4; ++i)
+                    (*flow)[12 + i] = static_cast<uint8_t>(static_cast<uint32_t>(header.messageId) >> (24 - 8 * i));
+            note.what += " (replayed)";
+            note.outLength = -1;
+            deliver(conn, header, *flow, std::nullopt, note);
+            return;
+        }
+    }
+
+    auto call = std::make_shared<ProgramCall>();
+    call->connection = conn->index;
+    call->messageId = header.messageId;
+    call->requestType = req.requestType;
+    call->program = program;
+    call->userid = wire::fieldText(req.userid);
+    call->password = req.password;
+    call->tranId = wire::fieldText(req.tranId);
+    call->extendMode = req.extendMode;
+    call->timeout = req.timeout;
+    call->commareaLength = req.commareaLength;
+    call->inboundLength = req.inboundFlag ? req.inboundLength : 0;
+    call->outboundLength = req.outboundFlag ? req.outboundLength : 0;
+    call->commarea = req.commarea;
+    call->commarea.resize(static_cast<size_t>(req.commareaLength), 0);
+    call->channel = req.channel;
+    call->sleepFor = [this](int ms) { return sleepFor(ms); };
+    call->waitGate = [this](const std::string& gate) { return waitGate(gate); };
 
     std::optional<Fault> fault;
     Program fn;
+    ProgramRuns runs = ProgramRuns::OnReader;
     int32_t failure = 0;
     std::string failureAbend;
     bool opensLuw = false;
@@ -101,10 +125,10 @@ void Emulator::Impl::runEciCall(std::shared_ptr<Connection> conn, wire::Header h
         fault = takeTrigger(program);
         ServerInfo server;
         failure = route(req.serverName, server);
-        call.server = server.name;
+        call->server = server.name;
         if (failure == 0 && server.checkSecurity) {
-            auto u = users.find(call.userid);
-            if (u == users.end() || u->second.revoked || u->second.expired || u->second.password != call.password)
+            auto u = users.find(call->userid);
+            if (u == users.end() || u->second.revoked || u->second.expired || u->second.password != call->password)
                 failure = rc::kSecurityError;
         }
         if (failure == 0) {
@@ -117,11 +141,11 @@ void Emulator::Impl::runEciCall(std::shared_ptr<Connection> conn, wire::Header h
                     if (req.luwToken != 0 && !known) {
                         failure = rc::kLuwToken;
                     } else if (known) {
-                        call.luwToken = req.luwToken;
-                        call.luwCallNumber = open->second + 1;
+                        call->luwToken = req.luwToken;
+                        call->luwCallNumber = open->second + 1;
                     } else if (req.extendMode == 1) {
-                        call.luwToken = nextLuwToken++;
-                        call.luwCallNumber = 1;
+                        call->luwToken = nextLuwToken++;
+                        call->luwCallNumber = 1;
                         opensLuw = true;
                     }
                     break;
@@ -134,6 +158,8 @@ void Emulator::Impl::runEciCall(std::shared_ptr<Connection> conn, wire::Header h
                         luwEvents.push_back({conn->index, req.luwToken,
                                              req.extendMode == 2 ? LuwEvent::Kind::Committed
                                                                  : LuwEvent::Kind::BackedOut});
+                        note.what = req.extendMode == 2 ? "COMMIT" : "BACKOUT";
+                        note.what += " luw " + std::to_string(req.luwToken);
                         cv.notify_all();
                     }
                     break;
@@ -149,53 +175,87 @@ void Emulator::Impl::runEciCall(std::shared_ptr<Connection> conn, wire::Header h
                 failureAbend = kUnknownProgramAbend;
             } else {
                 fn = p->second;
+                auto r = programRuns.find(program);
+                if (r != programRuns.end()) runs = r->second;
                 ++callCounts[program];
                 cv.notify_all();
             }
         }
     }
 
-    wire::EciReply reply;
-    if (failure != 0) {
-        reply = failedReply(req, failure, failureAbend);
-    } else if (!req.carriesCommarea()) {
-        // Commit or back-out: no program runs and no COMMAREA travels.
-        reply.requestType = req.requestType;
-        reply.commareaLength = req.commareaLength;
-    } else {
+    if (failure != 0 || !req.carriesCommarea()) {
+        wire::EciReply reply;
+        if (failure != 0) {
+            reply = failedReply(req, failure, failureAbend);
+        } else {
+            // Commit or back-out: no program runs and no COMMAREA travels.
+            reply.requestType = req.requestType;
+            reply.commareaLength = req.commareaLength;
+        }
+        note.rc = reply.rc;
+        note.abend = failureAbend;
+        note.outLength = reply.count;
+        deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault, note);
+        return;
+    }
+
+    auto job = [this, conn, header, req = std::move(req), call, fn = std::move(fn), fault, opensLuw,
+                note]() mutable {
         ProgramResult result;
         try {
-            result = fn(call);
+            result = fn(*call);
         } catch (...) {
             result = ProgramResult{};
             result.rc = rc::kTransactionAbend;
             result.abend = "EXCP";
         }
-        reply = programReply(req, result);
-        std::lock_guard<std::mutex> lock(m);
-        const bool inLuw = call.luwToken != 0;
-        if (inLuw && result.rc != 0) {
-            // A failing program ends its unit of work by backing it out.
-            if (!opensLuw) {
-                conn->luws.erase(call.luwToken);
-                luwEvents.push_back({conn->index, call.luwToken, LuwEvent::Kind::BackedOut});
+        wire::EciReply reply = programReply(req, result);
+        {
+            std::lock_guard<std::mutex> lock(m);
+            const bool inLuw = call->luwToken != 0;
+            if (inLuw && result.rc != 0) {
+                // A failing program ends its unit of work by backing it out.
+                if (!opensLuw) {
+                    conn->luws.erase(call->luwToken);
+                    luwEvents.push_back({conn->index, call->luwToken, LuwEvent::Kind::BackedOut});
+                }
+            } else if (inLuw && req.extendMode == 1) {
+                conn->luws[call->luwToken] = call->luwCallNumber;
+                if (opensLuw) luwEvents.push_back({conn->index, call->luwToken, LuwEvent::Kind::Opened});
+                reply.luwToken = call->luwToken;
+            } else if (inLuw) {
+                // Extend mode 0 inside a unit of work: its last call, which commits it.
+                conn->luws.erase(call->luwToken);
+                luwEvents.push_back({conn->index, call->luwToken, LuwEvent::Kind::Committed});
             }
-        } else if (inLuw && req.extendMode == 1) {
-            conn->luws[call.luwToken] = call.luwCallNumber;
-            if (opensLuw) luwEvents.push_back({conn->index, call.luwToken, LuwEvent::Kind::Opened});
-            reply.luwToken = call.luwToken;
-        } else if (inLuw) {
-            // Extend mode 0 inside a unit of work: its last call, which commits it.
-            conn->luws.erase(call.luwToken);
-            luwEvents.push_back({conn->index, call.luwToken, LuwEvent::Kind::Committed});
+            cv.notify_all();
         }
-        cv.notify_all();
-    }
-    deliver(*conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault);
+        note.rc = reply.rc;
+        note.abend = result.abend;
+        note.outLength = req.carriesCommarea() ? reply.count : 0;
+        auto send = [this, conn, header, flow = wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)),
+                     fault, note, delay = result.delayMs]() {
+            if (delay > 0)
+                timers.after(delay, [this, conn, header, flow, fault, note] { deliver(conn, header, flow, fault, note); });
+            else
+                deliver(conn, header, flow, fault, note);
+        };
+        if (!result.gate.empty())
+            passGate(result.gate, std::move(send));
+        else
+            send();
+    };
+    if (runs == ProgramRuns::OnReader)
+        job();
+    else
+        pool.submit(std::move(job));
 }
 
-void Emulator::Impl::answerListSystems(Connection& conn, const wire::Header& header, const wire::EciRequest& req) {
+void Emulator::Impl::answerListSystems(const std::shared_ptr<Connection>& conn, const wire::Header& header,
+                                       const wire::EciRequest& req) {
     wire::EciReply reply;
+    RequestNote note;
+    note.what = "LIST";
     reply.requestType = wire::kEciListSystems;
     std::optional<Fault> fault;
     {
@@ -211,11 +271,16 @@ void Emulator::Impl::answerListSystems(Connection& conn, const wire::Header& hea
             reply.commarea.insert(reply.commarea.end(), e.begin(), e.end());
         }
     }
-    deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault);
+    note.rc = reply.rc;
+    note.outLength = static_cast<int32_t>(reply.commarea.size());
+    deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault, note);
 }
 
-void Emulator::Impl::answerEsi(Connection& conn, const wire::Header& header, const wire::EsiRequest& req) {
+void Emulator::Impl::answerEsi(const std::shared_ptr<Connection>& conn, const wire::Header& header,
+                               const wire::EsiRequest& req) {
     wire::EsiReply reply;
+    RequestNote note;
+    note.what = std::string(req.type == 1 ? "ESI change " : "ESI verify ") + wire::fieldText(req.userid);
     std::optional<Fault> fault;
     {
         std::lock_guard<std::mutex> lock(m);
@@ -254,7 +319,8 @@ void Emulator::Impl::answerEsi(Connection& conn, const wire::Header& header, con
             reply.details = u->second.details;
         }
     }
-    deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEsiReplyBody(reply)), fault);
+    note.rc = reply.rc;
+    deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEsiReplyBody(reply)), fault, note);
 }
 
 }  // namespace kvlemu

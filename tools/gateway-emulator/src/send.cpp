@@ -1,4 +1,6 @@
 // Everything the emulator writes to a connection, faults included.
+#include <cstdio>
+
 #include "emulator_impl.h"
 
 namespace kvlemu {
@@ -52,9 +54,11 @@ bool Emulator::Impl::send(Connection& conn, const wire::Bytes& flow, const char*
     bool ok;
     {
         std::lock_guard<std::mutex> lock(conn.sendMutex);
-        ok = !conn.dropped && net::sendAll(conn.sock, flow.data(), flow.size());
+        // Tapped before it goes: once the client has the reply, the record has it too.
+        if (!conn.dropped) tap(conn, false, flow);
+        ok = !conn.dropped && conn.stream->write(flow.data(), flow.size());
     }
-    log(1, sentLine(conn, flow, what) + (ok ? "" : " NOT SENT"), &flow);
+    log(2, sentLine(conn, flow, what) + (ok ? "" : " NOT SENT"), &flow);
     return ok;
 }
 
@@ -62,13 +66,33 @@ void Emulator::Impl::drop(Connection& conn, const char* why) {
     {
         std::lock_guard<std::mutex> lock(conn.sendMutex);
         if (conn.dropped.exchange(true)) return;
-        net::shutdownBoth(conn.sock);
+        conn.stream->shutdown();
     }
     log(1, "conn " + std::to_string(conn.index) + " closed: " + why);
 }
 
-void Emulator::Impl::deliver(Connection& conn, const wire::Header& request, const wire::Bytes& replyFlow,
-                             const std::optional<Fault>& fault) {
+void Emulator::Impl::logRequest(const Connection& conn, const wire::Header& request, const RequestNote& note,
+                                const char* outcome) {
+    if (verbosity < 1) return;  // read without logMutex: a stale level only costs one line
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - note.start).count();
+    char time[32];
+    std::snprintf(time, sizeof time, "%.3f ms", ms);
+    std::string line = "conn " + std::to_string(conn.index) + " id " + std::to_string(request.messageId) + " " +
+                       note.what + " in " + std::to_string(note.inLength) + " out " +
+                       (note.outLength < 0 ? std::string("recorded") : std::to_string(note.outLength)) + " rc " +
+                       std::to_string(note.rc);
+    std::string abend = wire::fieldText(note.abend);
+    if (!abend.empty()) line += " abend " + abend;
+    line += std::string(" ") + time;
+    if (outcome && *outcome) line += std::string(" ") + outcome;
+    log(1, line);
+}
+
+void Emulator::Impl::deliver(const std::shared_ptr<Connection>& connPtr, const wire::Header& request,
+                             const wire::Bytes& replyFlow, const std::optional<Fault>& fault,
+                             const RequestNote& note) {
+    Connection& conn = *connPtr;
     auto counted = [&](bool sent) {
         if (!sent) return;
         std::lock_guard<std::mutex> lock(m);
@@ -77,9 +101,22 @@ void Emulator::Impl::deliver(Connection& conn, const wire::Header& request, cons
     };
     const int32_t id = fault && fault->messageId ? *fault->messageId : request.messageId;
     if (!fault) {
-        counted(send(conn, replyFlow, "REPLY"));
+        bool sent = send(conn, replyFlow, "REPLY");
+        logRequest(conn, request, note, sent ? "" : "(reply not sent: connection gone)");
+        counted(sent);  // last: a test that waits for the reply finds its log line
         return;
     }
+    const std::string faultNote = std::string("fault ") + faultKindName(fault->kind);
+    if (fault->kind == Fault::Kind::Delay) {
+        // The reply as usual, later; the timer thread sends it.
+        timers.after(fault->delayMs, [this, connPtr, request, replyFlow, note] {
+            deliver(connPtr, request, replyFlow, std::nullopt, note);
+        });
+        log(2, "conn " + std::to_string(conn.index) + " reply to id " + std::to_string(request.messageId) +
+                   " delayed " + std::to_string(fault->delayMs) + " ms (fault)");
+        return;
+    }
+    logRequest(conn, request, note, faultNote.c_str());
     switch (fault->kind) {
         case Fault::Kind::Ping:
             send(conn, flows::ping(id), "PING (fault)");
@@ -115,8 +152,15 @@ void Emulator::Impl::deliver(Connection& conn, const wire::Header& request, cons
             break;
         }
         case Fault::Kind::NoReply:
-            log(1, "conn " + std::to_string(conn.index) + " reply to id " + std::to_string(request.messageId) +
+            log(2, "conn " + std::to_string(conn.index) + " reply to id " + std::to_string(request.messageId) +
                        " swallowed (fault)");
+            break;
+        case Fault::Kind::PingStorm:
+            for (int i = 0; i < fault->count; ++i)
+                if (!send(conn, flows::ping(id), "PING (fault: storm)")) break;
+            counted(send(conn, replyFlow, "REPLY"));
+            break;
+        case Fault::Kind::Delay:
             break;
     }
 }
@@ -142,6 +186,11 @@ bool Emulator::Impl::injectNow(Connection& conn, const Fault& fault) {
         case Fault::Kind::Drop:
             drop(conn, "dropped (injected)");
             return true;
+        case Fault::Kind::PingStorm: {
+            bool ok = true;
+            for (int i = 0; i < fault.count && ok; ++i) ok = send(conn, flows::ping(id), "PING (injected storm)");
+            return ok;
+        }
         default:
             return false;
     }

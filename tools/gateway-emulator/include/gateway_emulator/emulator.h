@@ -1,7 +1,9 @@
 // An in-process Gateway for tests, demos and offline development.
 //
 // Thread safety: every member function may be called from any thread while the
-// emulator runs; programs run on the emulator's own threads, one per request.
+// emulator runs. Programs that cannot block run on the connection's reader;
+// programs that may block run on a small pool of reused threads. No thread is
+// started per request, and delays are timers, not sleeping threads.
 #pragma once
 
 #include <cstdint>
@@ -79,6 +81,10 @@ struct ProgramResult {
     int32_t returnLength = -1;
     // Reply channel. Left empty on a channel request: every container UNCHANGED.
     std::optional<wire::Channel> channel;
+    // The reply goes out this many milliseconds later; no thread waits meanwhile.
+    int delayMs = 0;
+    // Non-empty: the reply waits at this gate (see releaseGate) before it goes out.
+    std::string gate;
 
     static ProgramResult echo(const ProgramCall& call);
 };
@@ -89,6 +95,11 @@ using Program = std::function<ProgramResult(const ProgramCall&)>;
 std::vector<std::string> builtinProgramNames();
 // nullptr-like empty function for an unknown name.
 Program builtinProgram(const std::string& name);
+
+// Where a program runs. A program that never blocks runs on the connection's
+// reader thread (the fast path); one that may block (waits, gates, external
+// commands, test code) runs on the worker pool.
+enum class ProgramRuns { OnReader, OnWorker };
 
 // ---------------------------------------------------------------------------
 // Servers and users.
@@ -137,12 +148,16 @@ struct Fault {
         Drop,          // close the connection instead of replying
         DropMidReply,  // send the reply's header and half its body, then close
         NoReply,       // swallow the reply
+        PingStorm,     // `count` FLOW_PINGs, then the reply as usual
+        Delay,         // the reply as usual, `delayMs` later
     };
     Kind kind = Kind::Ping;
     std::string text;                  // Exception
     int32_t rc = 0;                    // ErrorFlow
     std::optional<int32_t> messageId;  // default: the triggering request's id (0 when injected)
     wire::Bytes bytes;                 // Garbage (default: 40 bytes of text)
+    int count = 0;                     // PingStorm
+    int delayMs = 0;                   // Delay
 
     static Fault of(Kind k) {
         Fault f;
@@ -158,6 +173,20 @@ struct Fault {
     static Fault drop() { return of(Kind::Drop); }
     static Fault dropMidReply() { return of(Kind::DropMidReply); }
     static Fault noReply() { return of(Kind::NoReply); }
+    static Fault pingStorm(int count);
+    static Fault delay(int milliseconds);
+};
+// "ping", "exception", "error", "close", "stray", "garbage", "drop",
+// "drop-mid-reply", "no-reply", "ping-storm", "delay".
+const char* faultKindName(Fault::Kind kind);
+
+// A fault that applies to requests chosen by program, position and chance.
+struct FaultRule {
+    std::string trigger = "*ANY";  // program name or a kTrigger name
+    Fault fault;
+    int nth = 0;              // > 0: only the nth request that matches the trigger (1 = first)
+    double probability = 1;   // each matching request is hit with this chance
+    int times = -1;           // hits before the rule is spent; < 0: no limit
 };
 
 // Trigger names for requests that call no program.
@@ -199,8 +228,33 @@ struct LuwEvent {
     Kind kind = Kind::Opened;
 };
 
-// verbosity 0: nothing; 1: one line per flow in and out; 2: and hex dumps.
+// verbosity 0: nothing; 1: one line per request and per connection event;
+// 2: and one line per flow in and out with a hex dump.
 using LogSink = std::function<void(const std::string& line)>;
+
+// Sees every flow as it is taken from or put on a connection (raw bytes, passwords
+// included); called on the emulator's threads, concurrently for different connections.
+using FlowTap = std::function<void(int connection, bool inbound, const wire::Bytes& flow)>;
+
+// Consulted for every ECI call before anything else: a complete reply flow
+// (any message id; the request's is put in) to send instead of running a program.
+using ReplySource = std::function<std::optional<wire::Bytes>(const wire::Header&, const wire::EciRequest&)>;
+
+// A complete configuration, swapped in at once by Emulator::reconfigure.
+struct Setup {
+    std::vector<ServerInfo> servers = {{"EMUSRV", "Gateway emulator server", false}};
+    std::vector<User> users;
+    struct ProgramEntry {
+        std::string name;
+        Program program;
+        ProgramRuns runs = ProgramRuns::OnWorker;
+    };
+    std::vector<ProgramEntry> programs;  // on top of the built-in ones
+    std::vector<FaultRule> faults;
+    HandshakeMode handshake = HandshakeMode::Accept;
+    int32_t refuseRc = rc::kWorkWasRefused;
+    uint32_t maxBodyLength = 16u * 1024 * 1024;
+};
 
 // ---------------------------------------------------------------------------
 
@@ -221,7 +275,7 @@ public:
 
     // Configuration; takes effect for the next request.
     void setHandshake(HandshakeMode mode, int32_t refuseRc = rc::kWorkWasRefused);
-    void registerProgram(const std::string& name, Program program);
+    void registerProgram(const std::string& name, Program program, ProgramRuns runs = ProgramRuns::OnWorker);
     void unregisterProgram(const std::string& name);
     void addServer(const ServerInfo& server);
     void clearServers();
@@ -233,6 +287,11 @@ public:
     // Keeps at most this many recorded flows (oldest dropped); 0 keeps none.
     void setRecordLimit(size_t flows);
     void setLog(LogSink sink, int verbosity);
+    void setFlowTap(FlowTap tap);
+    void setReplySource(ReplySource source);
+    // Replaces programs (built-ins restored), servers, users, fault rules,
+    // handshake and body limit in one step; connections and units of work stay.
+    void reconfigure(const Setup& setup);
 
     // Faults. inject() acts at once on a live connection (false if none);
     // kinds that need a reply (DropMidReply, NoReply) cannot be injected.
@@ -240,6 +299,11 @@ public:
     // When `trigger` (a program name or a kTrigger name) is next called, apply
     // the fault to that request; `times` < 0 means every time.
     void injectOnRequest(const std::string& trigger, const Fault& fault, int times = 1);
+    void addFaultRule(const FaultRule& rule);
+    // Seed of the chance used by fault rules with a probability and by random delays.
+    void setRandomSeed(uint32_t seed);
+    // A number in [lo, hi] from the emulator's generator.
+    int randomBetween(int lo, int hi);
     void clearFaults();
 
     // Gates: the GATE program waits on gate "GATE"; programs can wait on any.

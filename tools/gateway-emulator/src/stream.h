@@ -1,0 +1,30 @@
+// A connection's byte stream: the only way the emulator reads from and writes
+// to a client. A plain TCP stream is the default; a wrapper (TLS, for one)
+// plugs in by supplying its own Stream through Emulator::Impl::openStream.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "emu_socket.h"
+
+namespace kvlemu {
+
+class Stream {
+public:
+    virtual ~Stream() = default;
+    // Waits for bytes: >0 bytes read, 0 at the end of the stream, <0 on an
+    // error or once shutdown() was called. One reader at a time.
+    virtual long read(uint8_t* dst, size_t len) = 0;
+    // Every byte or false. Callers serialise writes.
+    virtual bool write(const uint8_t* data, size_t len) = 0;
+    // Ends both directions and wakes a blocked read(); safe from any thread.
+    virtual void shutdown() = 0;
+};
+
+// The stream of an accepted socket; owns it and closes it on destruction.
+std::unique_ptr<Stream> plainStream(net::Socket socket);
+
+}  // namespace kvlemu
