@@ -11,8 +11,18 @@
 
 namespace fuzzgw {
 
-// The call an input's first byte picks.
-enum CallKind : uint8_t { kEciSync = 0, kEciAsync = 1, kChannel = 2, kEsi = 3, kList = 4, kKinds = 5 };
+// The call an input's first byte picks. The two Late kinds make a sync call
+// with a short deadline and get the script only after the call has given up.
+enum CallKind : uint8_t {
+    kEciSync = 0,
+    kEciAsync = 1,
+    kChannel = 2,
+    kEsi = 3,
+    kList = 4,
+    kEciLate = 5,
+    kChannelLate = 6,
+    kKinds = 7
+};
 
 class Gateway {
 public:

@@ -98,6 +98,9 @@ int main(int argc, char** argv) {
         {"esi-other-flows", {fuzzgw::kEsi, common("ESI")}},
         {"list-reply", {fuzzgw::kList, listReply()}},
         {"list-other-flows", {fuzzgw::kList, common("ECI")}},
+        {"eci-late-reply", {fuzzgw::kEciLate, join({eciReply("too late"), eciReply("twice")})}},
+        {"eci-late-other-flows", {fuzzgw::kEciLate, common("ECI")}},
+        {"channel-late-reply", {fuzzgw::kChannelLate, channelReply()}},
     };
     for (const auto& [name, seed] : seeds) {
         std::string path = std::string(argv[1]) + "/" + name;

@@ -2,8 +2,11 @@
 //
 // An input is a script: its first byte picks the call the application makes
 // (ECI sync, ECI async then a waiting get-reply, a channel call, a password
-// verification, a list of servers), the rest is every byte the Gateway sends
-// after it has read the request. The Gateway then shuts its end down. Whatever
+// verification, a list of servers, or an ECI or channel call whose deadline
+// passes), the rest is every byte the Gateway sends after it has read the
+// request (for a deadline call: after the call has given up, so the reply comes
+// late into memory the caller has already freed). The Gateway then shuts its
+// end down. Whatever
 // the bytes, the call must return within a bound (a hang aborts, which the
 // fuzzer records), never overrun the caller's memory (guard bytes are checked)
 // and never leak or read freed memory (AddressSanitizer, LeakSanitizer and
@@ -23,6 +26,7 @@
 #include "kvl_channel.h"
 #include "kvl_eci.h"
 #include "kvl_esi.h"
+#include "kvl_ext.h"
 #include "kvlclient.h"
 
 namespace {
@@ -106,12 +110,28 @@ int listCall(gwTok token) {
     return rc;
 }
 
+bool isLate(uint8_t kind) { return kind == fuzzgw::kEciLate || kind == fuzzgw::kChannelLate; }
+
+// A sync call that gets no reply before its deadline must give up; its COMMAREA
+// or channel is freed on return, so a late reply written there is caught.
+int lateCall(gwTok token, bool channel) {
+    if (KVL_EXT_setCallDeadline(token, 5) != KVL_OK) abort();
+    int rc = channel ? channelCall(token) : eciCall(token, false);
+    if (rc != ECI_ERR_RESPONSE_TIMEOUT) {
+        fprintf(stderr, "a call without a reply returned %d, not the deadline's code\n", rc);
+        abort();
+    }
+    return rc;
+}
+
 int runCall(uint8_t kind, gwTok token) {
-    switch (kind % fuzzgw::kKinds) {
+    switch (kind) {
         case fuzzgw::kEciSync: return eciCall(token, false);
         case fuzzgw::kEciAsync: return eciCall(token, true);
         case fuzzgw::kChannel: return channelCall(token);
         case fuzzgw::kEsi: return esiCall(token);
+        case fuzzgw::kEciLate: return lateCall(token, false);
+        case fuzzgw::kChannelLate: return lateCall(token, true);
         default: return listCall(token);
     }
 }
@@ -132,9 +152,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (KVL_openRemoteGatewayConnection("127.0.0.1", gateway.port(), &token, 10) != KVL_OK) abort();
     if (!gateway.handshakeDone()) abort();
 
-    auto call = std::async(std::launch::async, [&] { return runCall(data[0], token); });
-    // The script goes out once the request has arrived (or at once if none comes).
+    const uint8_t kind = data[0] % fuzzgw::kKinds;
+    auto call = std::async(std::launch::async, [&] { return runCall(kind, token); });
+    // The script goes out once the request has arrived (or at once if none comes),
+    // for a deadline call once the call has returned.
     gateway.awaitRequest();
+    if (isLate(kind) && call.wait_for(std::chrono::seconds(15)) != std::future_status::ready) {
+        fprintf(stderr, "a call with a deadline did not return\n");
+        abort();
+    }
     gateway.sendScript(data + 1, size - 1);
     gateway.shutdownPeer();
     if (call.wait_for(std::chrono::seconds(15)) != std::future_status::ready) {
