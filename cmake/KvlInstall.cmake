@@ -51,6 +51,14 @@ else()
   set(KVL_LINK_NAME kvlclient)
   set(KVL_PRIVATE_LIBS "-lpthread")
 endif()
+# TLS: the OpenSSL build names its dependency for pkg-config (openssl.pc) and
+# find_package (find_dependency in the config file); Schannel is part of the system.
+set(KVL_PC_REQUIRES_PRIVATE "")
+if(KVL_TLS_BACKEND STREQUAL "openssl")
+  set(KVL_PC_REQUIRES_PRIVATE "openssl >= 3")
+elseif(KVL_TLS_BACKEND STREQUAL "schannel")
+  string(APPEND KVL_PRIVATE_LIBS " -lsecur32 -lcrypt32")
+endif()
 
 # --- find_package(kvlclient CONFIG) -----------------------------------------
 install(EXPORT kvlclientTargets NAMESPACE kvlclient:: DESTINATION ${KVL_INSTALL_CMAKEDIR} COMPONENT development)

@@ -34,7 +34,7 @@
 #define KVL_EXT_ERR_TLS_CONFIG (-921)      /**< a CA, certificate, key, cipher list or version that cannot be used */
 #define KVL_EXT_ERR_TLS_HANDSHAKE (-922)   /**< the TLS handshake failed (protocol, alert, peer closed) */
 #define KVL_EXT_ERR_TLS_VERIFY (-923)      /**< the Gateway's certificate was not accepted (CA, name, dates) */
-#define KVL_EXT_ERR_TLS_IO (-924)          /**< a TLS record could not be read or written after the handshake */
+#define KVL_EXT_ERR_TLS_IO (-924)          /**< reserved, not returned: a record failure ends the connection (usual codes) */
 /** @} */
 
 /** TLS protocol versions for KVL_EXT_ConnectOptions.tlsMinVersion. */

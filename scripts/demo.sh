@@ -45,5 +45,15 @@ done
 echo; echo "=== password verification and the list of servers"
 "$bin/kvl_security_example" 127.0.0.1 "$port" DEMOUSER SECRET1 2>&1
 
+echo; echo "=== the kvl command: a call, the servers, a ping"
+"$bin/kvl" --host 127.0.0.1 --port "$port" call ECHO "hello from kvl"
+"$bin/kvl" --host 127.0.0.1 --port "$port" systems
+"$bin/kvl" --host 127.0.0.1 --port "$port" ping
+
+if [[ -x "$bin/kvl_ext_poll_example" ]]; then
+  echo; echo "=== extensions: a deadline and replies collected from a poll() loop"
+  "$bin/kvl_ext_poll_example" 127.0.0.1 "$port" 2>&1
+fi
+
 echo; echo "=== what the emulator saw"
 cat "$workdir/emulator.log"

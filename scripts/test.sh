@@ -100,5 +100,13 @@ if [[ -z "${KVL_SKIP_WINDOWS:-}" ]]; then
   run_suite "Windows (MinGW-w64 under Wine)" windows
 fi
 
+# The Windows DLL's TLS under Wine against the Linux emulator (both builds needed).
+emu_bin=build/linux-asan/bin/kvl-gateway-emulator
+probe_exe=build/windows/bin/tls_probe.exe
+if [[ -z "${KVL_SKIP_LINUX:-}${KVL_SKIP_WINDOWS:-}" && -x "$emu_bin" && -f "$probe_exe" ]]; then
+  echo "=== Windows TLS under Wine against the Linux emulator ==="
+  if tests/tls/wine_tls.sh "$emu_bin" "$probe_exe"; then passed=$((passed + 1)); else failed=$((failed + 1)); status=1; fi
+fi
+
 echo "total: $passed passed, $failed failed"
 exit $status

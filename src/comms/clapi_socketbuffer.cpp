@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "comms/clapi_socketbuffer_int.h"
+#include "comms/clapi_stream.h"
 #include "impl/clapi_trace.h"
 #include "kvlclient.h"
 
@@ -69,6 +70,7 @@ int initBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen, bool
     sb->bufferLen = 0;
     sb->maskedList = nullptr;
     sb->socketDesc = socketDesc;
+    sb->stream = clapiStreamFor(socketDesc);
     sb->dataRemaining = dataLen;
     memcpy(sb->eyecatcher, SOCKBUFFER_EYECATCHER, sizeof sb->eyecatcher);
     sb->bufferPos = forWrite ? sb->bufferStart : nullptr;
@@ -88,7 +90,9 @@ const char* clapiSocketErrorText(int code, char* buffer, size_t size) {
     return buffer;
 }
 
-long long clapiSendAll(platformSocket s, const uint8_t* data, uint64_t len, int* error) {
+long long clapiSendAll(const sockBuffer* sb, const uint8_t* data, uint64_t len, int* error) {
+    if (sb->stream != nullptr) return sb->stream->sendAll(data, static_cast<size_t>(len), error);
+    platformSocket s = sb->socketDesc;
     uint64_t sent = 0;
     while (sent < len) {
         long long rc = platformSend(s, data + sent, static_cast<size_t>(len - sent));
@@ -99,6 +103,18 @@ long long clapiSendAll(platformSocket s, const uint8_t* data, uint64_t len, int*
         sent += static_cast<uint64_t>(rc);
     }
     return static_cast<long long>(sent);
+}
+
+long long clapiRecvSome(const sockBuffer* sb, uint8_t* data, uint64_t len, int* error) {
+    if (sb->stream != nullptr) return sb->stream->recv(data, static_cast<size_t>(len), error);
+    long long rc = platformRecv(sb->socketDesc, data, static_cast<size_t>(len));
+    *error = rc < 0 ? platformSocketError() : 0;
+    return rc;
+}
+
+int sockBufferWaitReadable(sockBuffer* sb, int timeoutSeconds) {
+    if (sb->stream != nullptr) return sb->stream->waitReadable(timeoutSeconds);
+    return platformWaitReadable(sb->socketDesc, timeoutSeconds);
 }
 
 int initWriteBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen) {
@@ -135,7 +151,7 @@ int freeBuffer(sockBuffer* sb) {
 int waitForResponse(sockBuffer* sb, int timeout) {
     CLAPI_TRACE(ENTRY, 2522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p)\n", static_cast<void*>(sb));
     int rc = 0;
-    int ready = platformWaitReadable(sb->socketDesc, timeout);
+    int ready = sockBufferWaitReadable(sb, timeout);
     if (ready < 0) {
         sb->lastError = platformSocketError();
         if (sb->lastError == 0) sb->lastError = SOCKBUFFER_ERR_PEER_CLOSED;

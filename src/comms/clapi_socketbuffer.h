@@ -5,6 +5,8 @@
 
 #include "platform/platform.h"
 
+class clapiStream;
+
 constexpr uint64_t SOCKBUFFER_MAX_SIZE = 33000;
 
 // lastError values that are not socket error codes (those are all positive).
@@ -30,6 +32,7 @@ struct sockBuffer {
     uint64_t bufferLen;
     uint64_t dataRemaining;  // bytes of the flow not yet sent / not yet taken from the socket
     maskedRegion* maskedList;
+    clapiStream* stream;  // the TLS session on socketDesc, or nullptr for plain TCP
 };
 
 // A record initialised the first time must be all zero.
@@ -39,6 +42,9 @@ int freeBuffer(sockBuffer* sb);
 int flushBuffer(sockBuffer* sb);
 int fillBuffer(sockBuffer* sb);
 int waitForResponse(sockBuffer* sb, int timeout);  // seconds, 0 = no limit
+// As platformWaitReadable on the buffer's socket; with a stream over it, readable
+// means that the stream has bytes (or the end) to hand out.
+int sockBufferWaitReadable(sockBuffer* sb, int timeoutSeconds);
 
 void writeByte(sockBuffer* sb, uint8_t value);
 void writeShort(sockBuffer* sb, uint16_t value);

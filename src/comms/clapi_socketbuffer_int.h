@@ -12,9 +12,13 @@ void clapiFreeMaskedList(maskedRegion* region);
 // Text of a socket error for a trace line; returns buffer.
 const char* clapiSocketErrorText(int code, char* buffer, size_t size);
 
-// Sends len bytes, repeating after a partial send. Returns the bytes sent, or -1
-// with the error in *error when a send fails (bytes sent before the failure are lost).
-long long clapiSendAll(platformSocket s, const uint8_t* data, uint64_t len, int* error);
+// Sends len bytes on the buffer's socket (through its stream when it has one),
+// repeating after a partial send. Returns the bytes sent, or -1 with the error in
+// *error when a send fails (bytes sent before the failure are lost).
+long long clapiSendAll(const sockBuffer* sb, const uint8_t* data, uint64_t len, int* error);
+// One receive on the buffer's socket (through its stream when it has one): >0
+// bytes, 0 peer closed, <0 failure with the error in *error.
+long long clapiRecvSome(const sockBuffer* sb, uint8_t* data, uint64_t len, int* error);
 
 // Marks the buffer dead unless it already is.
 inline void clapiSockBufferFail(sockBuffer* sb, int32_t error) {

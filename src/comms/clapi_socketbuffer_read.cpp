@@ -56,11 +56,12 @@ int fillBuffer(sockBuffer* sb) {
 
     uint64_t count = 0;
     long long last = 0;
+    int recvError = 0;
     bool failed = false;
     while (count < want) {
         CLAPI_TRACE(DEBUG, 2542, "clapi_socketbuffer.fillBuffer() Attempting to read %lu bytes\n",
                     clapiLu(want - count));
-        last = platformRecv(sb->socketDesc, pos + count, static_cast<size_t>(want - count));
+        last = clapiRecvSome(sb, pos + count, want - count, &recvError);
         if (last < 1) {
             failed = true;
             break;
@@ -70,7 +71,7 @@ int fillBuffer(sockBuffer* sb) {
     if (failed) {
         // A peer that closed reports no error code; the buffer dies all the same, so that
         // no later read hands out stale bytes.
-        int error = platformSocketError();
+        int error = recvError;
         sb->lastError = error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED;
         char text[1024];
         CLAPI_TRACE(EXC, 2543, "clapi_socketbuffer.fillBuffer() recv returned an error code: %s (%d)\n",
@@ -150,9 +151,9 @@ void readBytes(sockBuffer* sb, void* data, uint64_t dataLen) {
             // Larger than the buffer: straight into the caller's memory.
             uint64_t got = have;
             while (got < dataLen) {
-                long long r = platformRecv(sb->socketDesc, out + got, static_cast<size_t>(dataLen - got));
+                int error = 0;
+                long long r = clapiRecvSome(sb, out + got, dataLen - got, &error);
                 if (r < 1) {
-                    int error = platformSocketError();
                     sb->lastError = error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED;
                     char text[1024];
                     CLAPI_TRACE(EXC, 2531, "clapi_socketbuffer.readBytes() recv returned an error code: %s (%d)\n",

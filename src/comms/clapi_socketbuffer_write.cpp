@@ -33,7 +33,7 @@ int flushBuffer(sockBuffer* sb) {
             clapiRestoreMaskedRegions(sb);
         }
         int error = 0;
-        long long sent = clapiSendAll(sb->socketDesc, sb->bufferStart, sb->bufferLen, &error);
+        long long sent = clapiSendAll(sb, sb->bufferStart, sb->bufferLen, &error);
         if (sent < 0) {
             clapiSockBufferFail(sb, error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED);
             char text[1024];
@@ -106,7 +106,7 @@ void writeBytes(sockBuffer* sb, const void* data, uint64_t dataLen) {
                              "clapi_socketbuffer.writeBytes() data=%p len=%lu stopword=%8.8X\n", data,
                              clapiLu(dataLen), 0u);
             int error = 0;
-            long long sent = clapiSendAll(sb->socketDesc, bytes, dataLen, &error);
+            long long sent = clapiSendAll(sb, bytes, dataLen, &error);
             if (sent < 0) {
                 clapiSockBufferFail(sb, error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED);
                 char text[1024];

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "comms/clapi_socketcomms.h"
+#include "comms/clapi_stream.h"
 #include "platform/platform_ext.h"
 #include "impl/clapi_impl.h"
 #include "impl/clapi_trace.h"
@@ -214,7 +215,10 @@ void clapiCloseTokenSocket(kvlGatewayToken* token) {
     clapiRequestLock(&token->socketLock);
     platformSocket s = token->socket.exchange(PLATFORM_INVALID_SOCKET);
     clapiReleaseLock(&token->socketLock);
-    if (s != PLATFORM_INVALID_SOCKET) closeSocket(s);
+    if (s != PLATFORM_INVALID_SOCKET) {
+        clapiStreamRelease(s);  // nobody reads or writes it now: the send lock is held, the receiver is done
+        closeSocket(s);
+    }
     clapiReleaseLock(&token->sendLock);
 }
 

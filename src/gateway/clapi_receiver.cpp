@@ -229,7 +229,7 @@ int discardRestOfFlow(sockBuffer* sb) {
 int awaitFlow(receiver* r, int waitSeconds) {
     for (int waited = 0; waitSeconds == 0 || waited + 1 < waitSeconds; ++waited) {
         if (r->token->stopReceiver.load() != 0) return KVL_ERR_LOSTGWCON;
-        if (platformWaitReadable(r->sb.socketDesc, 1) != 0) break;  // data, end of stream or error
+        if (sockBufferWaitReadable(&r->sb, 1) != 0) break;  // data, end of stream or error
     }
     if (r->token->stopReceiver.load() != 0) return KVL_ERR_LOSTGWCON;
     // Returns at once when data is there; otherwise the last second of a bounded wait.

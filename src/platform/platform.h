@@ -95,6 +95,8 @@ int platformConnect(platformSocket s, const platformAddress* a);
 int platformWaitConnect(platformSocket s, int timeoutSeconds, int* sockError);
 // Waits until readable. timeoutSeconds 0 = no limit. >0 readable, 0 timeout, <0 error.
 int platformWaitReadable(platformSocket s, int timeoutSeconds);
+// The same in milliseconds (0: do not wait, only test).
+int platformWaitReadableMs(platformSocket s, int timeoutMs);
 // One send/recv call; never raises SIGPIPE. Result as the OS call.
 long long platformSend(platformSocket s, const void* data, size_t len);
 long long platformRecv(platformSocket s, void* data, size_t len);

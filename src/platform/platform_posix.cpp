@@ -384,6 +384,10 @@ int platformWaitReadable(platformSocket s, int timeoutSeconds) {
     return pollOne(static_cast<int>(s), POLLIN, timeoutSeconds > 0 ? secondsToMs(timeoutSeconds) : -1, nullptr);
 }
 
+int platformWaitReadableMs(platformSocket s, int timeoutMs) {
+    return pollOne(static_cast<int>(s), POLLIN, timeoutMs < 0 ? 0 : timeoutMs, nullptr);
+}
+
 long long platformSend(platformSocket s, const void* data, size_t len) {
     ssize_t rc;
     do {

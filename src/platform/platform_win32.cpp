@@ -220,6 +220,17 @@ int platformWaitReadable(platformSocket s, int timeoutSeconds) {
     return rc;
 }
 
+int platformWaitReadableMs(platformSocket s, int timeoutMs) {
+    fd_set readSet;
+    FD_ZERO(&readSet);
+    FD_SET(sock(s), &readSet);
+    if (timeoutMs < 0) timeoutMs = 0;
+    timeval tv{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    int rc = select(0, &readSet, nullptr, nullptr, &tv);
+    if (rc < 0) lastError = WSAGetLastError();
+    return rc;
+}
+
 long long platformSend(platformSocket s, const void* data, size_t len) {
     int chunk = len > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<int>(len);
     int rc = send(sock(s), static_cast<const char*>(data), chunk, 0);

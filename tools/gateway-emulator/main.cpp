@@ -48,6 +48,11 @@ Options:
       --record FILE      write every flow in and out to FILE
       --replay FILE      answer calls recorded in FILE with their recorded replies
       --port-file FILE   write the port number to FILE once listening
+      --tls-cert FILE    serve TLS with this PEM certificate chain (needs --tls-key)
+      --tls-key FILE     the PEM key of --tls-cert
+      --tls-client-ca FILE  ask clients for a certificate issued by these CAs
+      --tls-require-client-cert  refuse clients without an accepted certificate
+      --tls-min-version 1.2|1.3  oldest TLS version accepted (default 1.2)
       --version          the program's version
   -h, --help             this text
 
@@ -120,6 +125,7 @@ void fail(const std::string& message) { std::fprintf(stderr, "kvl-gateway-emulat
 
 int main(int argc, char** argv) {
     std::vector<std::string> configPaths;
+    kvlemu::TlsOptions tls;
     std::optional<std::string> address;
     std::optional<uint16_t> port;
     std::optional<kvlemu::HandshakeMode> handshake;
@@ -204,6 +210,21 @@ int main(int argc, char** argv) {
             replayPath = value("--replay");
         } else if (arg == "--port-file") {
             portFile = value("--port-file");
+        } else if (arg == "--tls-cert") {
+            tls.certFile = value("--tls-cert");
+        } else if (arg == "--tls-key") {
+            tls.keyFile = value("--tls-key");
+        } else if (arg == "--tls-client-ca") {
+            tls.clientCaFile = value("--tls-client-ca");
+        } else if (arg == "--tls-require-client-cert") {
+            tls.requireClientCert = true;
+        } else if (arg == "--tls-min-version") {
+            std::string v = value("--tls-min-version");
+            if (v != "1.2" && v != "1.3") {
+                fail("--tls-min-version takes 1.2 or 1.3");
+                return 2;
+            }
+            tls.minVersion = v == "1.3" ? 0x0304 : 0x0303;
         } else {
             fail("unknown option " + arg + " (try --help)");
             return 2;
@@ -257,6 +278,20 @@ int main(int argc, char** argv) {
         }
         emu.setReplySource(kvlemu::replySourceOf(book));
         std::printf("replaying %zu recorded calls from %s\n", exchanges, replayPath.c_str());
+    }
+
+    if (!tls.certFile.empty() || !tls.keyFile.empty()) {
+        if (tls.certFile.empty() || tls.keyFile.empty()) {
+            fail("TLS needs both --tls-cert and --tls-key");
+            return 2;
+        }
+        if (!emu.setTls(tls)) {
+            fail(emu.lastError());
+            return 1;
+        }
+    } else if (!tls.clientCaFile.empty() || tls.requireClientCert) {
+        fail("client certificates need --tls-cert and --tls-key");
+        return 2;
     }
 
     const std::string listenAddress = address.value_or("127.0.0.1");

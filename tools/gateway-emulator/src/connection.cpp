@@ -129,6 +129,14 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
         return;
     }
 
+    std::string note;
+    const bool started = conn->stream->start(&note);
+    if (!note.empty()) log(1, "conn " + std::to_string(conn->index) + " " + note);
+    if (!started) {
+        drop(*conn, "the stream could not start");
+        markClosed(*conn);
+        return;
+    }
     StreamReader in(*conn->stream);
     for (;;) {
         if (!in.more()) {

@@ -194,8 +194,13 @@ void Emulator::Impl::acceptLoop() {
         std::string peer;
         net::Socket s = net::acceptWithin(listener, kAcceptPollMs, &peer);
         if (s == net::kInvalidSocket) continue;
+        std::function<std::unique_ptr<Stream>(net::Socket)> open;  // as set when the client came (setTls)
+        {
+            std::lock_guard<std::mutex> lock(m);
+            open = openStream;
+        }
         auto conn = std::make_shared<Connection>();
-        conn->stream = openStream(s);
+        conn->stream = open(s);
         {
             std::lock_guard<std::mutex> lock(m);
             if (stopping) return;  // the stream closes the socket

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "emu_socket.h"
 
@@ -15,6 +16,13 @@ namespace kvlemu {
 class Stream {
 public:
     virtual ~Stream() = default;
+    // Runs on the connection's reader before its first flow: what must happen
+    // before flows can pass (a TLS handshake). False when the connection must
+    // be dropped; *note may get a line for the log either way.
+    virtual bool start(std::string* note) {
+        (void)note;
+        return true;
+    }
     // Waits for bytes: >0 bytes read, 0 at the end of the stream, <0 on an
     // error or once shutdown() was called. One reader at a time.
     virtual long read(uint8_t* dst, size_t len) = 0;

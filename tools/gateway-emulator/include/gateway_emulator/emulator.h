@@ -228,6 +228,17 @@ struct LuwEvent {
     Kind kind = Kind::Opened;
 };
 
+// TLS on the emulator's connections (PEM files).
+struct TlsOptions {
+    std::string certFile;      // the Gateway's certificate chain
+    std::string keyFile;       // its key
+    std::string clientCaFile;  // CAs accepted for client certificates; "" asks for none
+    bool requireClientCert = false;
+    int minVersion = 0x0303;  // 0x0303 TLS 1.2, 0x0304 TLS 1.3
+    int maxVersion = 0;       // 0: the newest
+    int handshakeTimeoutMs = 10000;
+};
+
 // verbosity 0: nothing; 1: one line per request and per connection event;
 // 2: and one line per flow in and out with a hex dump.
 using LogSink = std::function<void(const std::string& line)>;
@@ -287,6 +298,11 @@ public:
     // Keeps at most this many recorded flows (oldest dropped); 0 keeps none.
     void setRecordLimit(size_t flows);
     void setLog(LogSink sink, int verbosity);
+    // Serves TLS on connections accepted from now on. False with lastError()
+    // when the files cannot be used or this build has no TLS.
+    bool setTls(const TlsOptions& options);
+    void clearTls();
+    static bool tlsAvailable();
     void setFlowTap(FlowTap tap);
     void setReplySource(ReplySource source);
     // Replaces programs (built-ins restored), servers, users, fault rules,
