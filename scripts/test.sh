@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the Linux library under AddressSanitizer and
-# UndefinedBehaviorSanitizer, the Python package's tests against a plain build
-# of the library, then KVLCLIENT.dll cross-built with MinGW-w64 and the same
-# tests under Wine. Ends with one line: "total: N passed, M failed".
+# UndefinedBehaviorSanitizer, ThreadSanitizer over the concurrency and stress
+# tests, a one-minute run of the wire fuzzer, the Python package's tests against
+# a plain build of the library, then KVLCLIENT.dll cross-built with MinGW-w64 and
+# the same tests under Wine. Ends with one line: "total: N passed, M failed".
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -86,6 +87,15 @@ run_python() {
 }
 
 if [[ -z "${KVL_SKIP_LINUX:-}" ]]; then run_suite "Linux (ASan+UBSan)" linux-asan; fi
+# ThreadSanitizer over the concurrency tests and the stress test.
+if [[ -z "${KVL_SKIP_TSAN:-}" ]]; then
+  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1} run_suite "Linux (TSan)" linux-tsan
+fi
+# A bounded run of the wire fuzzer; counts as one test.
+if [[ -z "${KVL_SKIP_FUZZ:-}" ]]; then
+  echo "=== wire fuzzer: ${KVL_FUZZ_SECONDS:-60} s ==="
+  if scripts/fuzz.sh "${KVL_FUZZ_SECONDS:-60}"; then passed=$((passed + 1)); else failed=$((failed + 1)); status=1; fi
+fi
 if [[ -z "${KVL_SKIP_PYTHON:-}" ]]; then run_python; fi
 if [[ -z "${KVL_SKIP_WINDOWS:-}" ]]; then
   wineboot -i >/dev/null 2>&1 || true

@@ -5,6 +5,7 @@
 #include "ext/clapi_ext_hooks.h"
 #include "gateway/clapi_gwytok.h"
 #include "impl/clapi_impl.h"
+#include "impl/clapi_testhook.h"
 #include "impl/clapi_trace.h"
 #include "kvlclient.h"
 
@@ -32,6 +33,30 @@ void freeSlot(kvlGatewayToken* token, clapiSlot* slot, int* rc, bool traced) {
         if (traced) CLAPI_TRACE(EXC, 1027, "API.KVL_listSystems() Failed to unlock slot table after freeing slot\n");
         if (*rc == 0) *rc = KVL_ERR_SYSTEM_ERROR;
     }
+}
+
+// ALLOCATED -> SENT in one hold of the table lock, with a second look at the
+// connection (a request that the connection's end has missed is never sent).
+// The receiver decodes the entries straight into the caller's array, never past it.
+int markSent(kvlGatewayToken* token, clapiSlot* slot, kvlSystemInfo* List, unsigned short capacity) {
+    CLAPI_TEST_POINT("list.beforeMarkSent");
+    if (clapiRequestLock(&token->tableLock) != 0) {
+        CLAPI_TRACE(EXC, 1021, "API.KVL_listSystems() Failed to lock slot table\n");
+        return KVL_ERR_SYSTEM_ERROR;
+    }
+    int rc = clapiConnectionEndedRc(token);
+    if (rc == 0) {
+        slot->request.eci_call_type = 1;
+        slot->request.eci_commarea = List;
+        slot->replyCapacity = static_cast<uint64_t>(capacity) * sizeof(kvlSystemInfo);
+        rc = slotMarkSent(slot);
+        if (rc == 0) clapiExtRequestStarted(token, slot, KVL_EXT_KIND_LIST);
+    }
+    if (clapiReleaseLock(&token->tableLock) != 0) {
+        CLAPI_TRACE(EXC, 1022, "API.KVL_listSystems() Failed to unlock slot table\n");
+        if (rc == 0) rc = KVL_ERR_SYSTEM_ERROR;
+    }
+    return rc;
 }
 
 int listSystems(kvlGatewayToken* token, unsigned short* Systems, kvlSystemInfo* List) {
@@ -67,18 +92,14 @@ int listSystems(kvlGatewayToken* token, unsigned short* Systems, kvlSystemInfo* 
     request.optionalBlocks = -1;
     request.listParm = capacity;
     request.correlator = static_cast<int32_t>(getNextCorrelator());
-    // The receiver decodes the entries straight into the caller's array, never past it.
-    slot->request.eci_call_type = 1;
-    slot->request.eci_commarea = List;
-    slot->replyCapacity = static_cast<uint64_t>(capacity) * sizeof(kvlSystemInfo);
-
     bool sent = false;
     if (clapiSetEvent(&slot->event) != 0) {
         CLAPI_TRACE(EXC, 1023, "API.KVL_listSystems() Failed to set request event\n");
         rc = KVL_ERR_SYSTEM_ERROR;
     } else {
-        slot->state = SLOT_SENT;
-        clapiExtRequestStarted(token, slot, KVL_EXT_KIND_LIST);
+        rc = markSent(token, slot, List, capacity);
+    }
+    if (rc == 0) {
         if (clapiRequestLock(&token->sendLock) != 0) {
             CLAPI_TRACE(EXC, 1024, "API.KVL_listSystems() Failed to acquire send lock\n");
             rc = KVL_ERR_SYSTEM_ERROR;

@@ -38,6 +38,46 @@ void wipeAndFreeData(uint8_t* data, uint64_t len) {
     free(data);
 }
 
+// Container data up to this size is allocated at once; a larger one grows with
+// the bytes that arrive, so that a length a Gateway declares without sending the
+// data never reserves more than this beyond twice what it sent.
+constexpr uint64_t kUpfrontDataLimit = 1u << 20;
+
+// A block holding `length` bytes read from the flow, or null when memory ran
+// out (*noMemory set) or the read failed (sb->lastError set).
+uint8_t* readContainerData(sockBuffer* sb, uint64_t length, bool* noMemory) {
+    *noMemory = false;
+    uint64_t capacity = length < kUpfrontDataLimit ? length : kUpfrontDataLimit;
+    auto* block = static_cast<uint8_t*>(calloc(1, static_cast<size_t>(capacity)));
+    if (!block) {
+        *noMemory = true;
+        return nullptr;
+    }
+    uint64_t got = 0;
+    while (got < length && sb->lastError == 0) {
+        if (got == capacity) {
+            uint64_t grown = capacity * 2 < length ? capacity * 2 : length;
+            auto* bigger = static_cast<uint8_t*>(malloc(static_cast<size_t>(grown)));
+            if (!bigger) {
+                wipeAndFreeData(block, capacity);
+                *noMemory = true;
+                return nullptr;
+            }
+            memcpy(bigger, block, static_cast<size_t>(got));
+            wipeAndFreeData(block, capacity);
+            block = bigger;
+            capacity = grown;
+        }
+        readBytes(sb, block + got, capacity - got);
+        got = capacity;
+    }
+    if (sb->lastError != 0) {
+        wipeAndFreeData(block, capacity);
+        return nullptr;
+    }
+    return block;
+}
+
 }  // namespace
 
 void writeChannel(sockBuffer* sb, kvlChannel* channel) {
@@ -74,11 +114,22 @@ int readChannel(sockBuffer* sb, kvlChannel* channel) {
     CLAPI_TRACE(ENTRY, 3217, "clapi_socketcomms.readChannel(sockBuffer=%p, channel=%p)\n", static_cast<void*>(sb),
                 static_cast<void*>(channel));
     int rc = 0;
-    readBytes(sb, channel->name, NAME_LEN);
-    channel->ccsid = static_cast<int32_t>(readInt(sb));
+    // Read off the wire first; the record changes under its serlock, where
+    // waiters print the name and a dump reads it.
+    char name[NAME_LEN];
+    memcpy(name, channel->name, NAME_LEN);
+    int32_t ccsid = channel->ccsid;
+    readBytes(sb, name, NAME_LEN);
+    ccsid = static_cast<int32_t>(sb->lastError == 0 ? readInt(sb) : static_cast<uint32_t>(ccsid));
+    if (sb->lastError == 0) {
+        clapiRequestLock(&channel->serlock);
+        memcpy(channel->name, name, NAME_LEN);
+        channel->ccsid = ccsid;
+        clapiReleaseLock(&channel->serlock);
+    }
     auto count = static_cast<int32_t>(readInt(sb));
     CLAPI_TRACE(DEBUG, 3218, "clapi_socketcomms.readChannel() Return flow contains %d containers in channel \"%.16s\"\n",
-                (int)count, channel->name);
+                (int)count, name);
     if (sb->lastError != 0) {
         rc = sockBufferErrorRc(sb);
     } else if (count < 0 || static_cast<uint64_t>(count) > sockBufferFlowRemaining(sb) / ENTRY_HEADER_LEN) {
@@ -150,14 +201,14 @@ int addContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont) {
     int rc = 0;
     uint8_t* data = nullptr;
     if (tempCont->dataLength != 0) {
-        data = static_cast<uint8_t*>(calloc(1, tempCont->dataLength));
-        if (!data) {
+        bool noMemory = false;
+        data = readContainerData(sb, tempCont->dataLength, &noMemory);
+        if (noMemory) {
             CLAPI_TRACE(EXC, 3238, "clapi_socketcomms.addContainer() Failed to allocate %lu bytes for container data\n",
                         clapiLu(tempCont->dataLength));
             rc = ECI_ERR_MEMORY_SHORTAGE;
-        } else {
-            readBytes(sb, data, tempCont->dataLength);
-            if (sb->lastError != 0) rc = sockBufferErrorRc(sb);
+        } else if (sb->lastError != 0) {
+            rc = sockBufferErrorRc(sb);
         }
     }
     kvlContainer* container = nullptr;
@@ -174,9 +225,11 @@ int addContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont) {
     } else {
         *container = *tempCont;
         container->dataPtr = data;
+        clapiRequestLock(&channel->serlock);
         container->nextCont = channel->firstCont;
         channel->firstCont = container;
         channel->numContainers++;
+        clapiReleaseLock(&channel->serlock);
         CLAPI_TRACE_DATA(3248, data, static_cast<size_t>(data ? container->dataLength : 0),
                          "clapi_socketcomms.addContainer() data=%p len=%lu stopword=%8.8X\n", static_cast<void*>(data),
                          clapiLu(container->dataLength), 0u);
@@ -196,6 +249,8 @@ int deleteContainer(kvlChannel* channel, const char* name) {
                     name, channel->name);
         rc = ECI_ERR_SYSTEM_ERROR;
     } else {
+        // Unlinked under serlock, where a dump walks the list; freed after.
+        clapiRequestLock(&channel->serlock);
         if (prev)
             prev->nextCont = found->nextCont;
         else
@@ -209,8 +264,9 @@ int deleteContainer(kvlChannel* channel, const char* name) {
             else
                 CLAPI_TRACE(DEBUG, 3229, "clapi_socketcomms.deleteContainer Current container is now NULL\n");
         }
-        clapiFreeContainer(found);
         channel->numContainers--;
+        clapiReleaseLock(&channel->serlock);
+        clapiFreeContainer(found);
     }
     CLAPI_TRACE(EXIT, 3231, "clapi_socketcomms.deleteContainer() rc=%d\n", rc);
     return rc;
@@ -226,30 +282,38 @@ int modifyContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont)
                     tempCont->name, channel->name);
         rc = ECI_ERR_SYSTEM_ERROR;
     } else {
+        // The new data is read into a block of its own while the record stays as
+        // it is; the record then changes under serlock, and the old block goes after.
         uint8_t* data = found->dataPtr;
+        uint8_t* oldData = nullptr;
+        uint64_t oldLength = found->dataLength;
         if (tempCont->dataLength != found->dataLength) {
             if (found->dataPtr) {
                 CLAPI_TRACE(DEBUG, 3234, "clapi_socketcomms.modifyContainer() Freeing %lu bytes of container data (%p)\n",
                             clapiLu(found->dataLength), static_cast<void*>(found->dataPtr));
-                wipeAndFreeData(found->dataPtr, found->dataLength);
-                found->dataPtr = nullptr;
-                found->dataLength = 0;
+                oldData = found->dataPtr;
             }
             data = nullptr;
             if (tempCont->dataLength != 0) {
-                data = static_cast<uint8_t*>(calloc(1, tempCont->dataLength));
-                if (!data) {
+                bool noMemory = false;
+                data = readContainerData(sb, tempCont->dataLength, &noMemory);
+                if (noMemory) {
                     CLAPI_TRACE(EXC, 3235,
                                 "clapi_socketcomms.modifyContainer() Failed to allocate %lu bytes for container data\n",
                                 clapiLu(tempCont->dataLength));
-                    found->dataPtr = nullptr;
-                    found->dataLength = 0;
                     rc = ECI_ERR_MEMORY_SHORTAGE;
+                } else if (!data) {
+                    rc = sockBufferErrorRc(sb);  // the container is left empty
                 }
             }
+        } else if (tempCont->dataLength != 0) {
+            readBytes(sb, data, tempCont->dataLength);
         }
-        if (rc == 0) {
-            if (tempCont->dataLength != 0) readBytes(sb, data, tempCont->dataLength);
+        clapiRequestLock(&channel->serlock);
+        if (rc != 0) {
+            found->dataPtr = nullptr;
+            found->dataLength = 0;
+        } else {
             kvlContainer* next = found->nextCont;
             memcpy(found->eyecatcher, tempCont->eyecatcher, sizeof found->eyecatcher);
             memcpy(found->name, tempCont->name, sizeof found->name);
@@ -258,6 +322,10 @@ int modifyContainer(sockBuffer* sb, kvlChannel* channel, kvlContainer* tempCont)
             found->dataPtr = data;
             found->dataLength = tempCont->dataLength;
             found->nextCont = next;
+        }
+        clapiReleaseLock(&channel->serlock);
+        wipeAndFreeData(oldData, oldLength);
+        if (rc == 0) {
             CLAPI_TRACE_DATA(3249, data, static_cast<size_t>(data ? found->dataLength : 0),
                              "clapi_socketcomms.modifyContainer() data=%p len=%lu stopword=%8.8X\n",
                              static_cast<void*>(data), clapiLu(found->dataLength), 0u);

@@ -66,6 +66,58 @@ int clapiChannelIsListed(const kvlChannel* channel) {
     return listed;
 }
 
+int clapiUseListedChannel(kvlChannel* channel) {
+    if (clapiRequestLock(&clapiChannelListLock) != 0) return ECI_ERR_LOCKFAIL;
+    bool listed = false;
+    for (const kvlChannel* c = clapiChannelListHead; c; c = c->nextChannel) {
+        if (c == channel) {
+            listed = true;
+            ++channel->users;
+            break;
+        }
+    }
+    clapiReleaseLock(&clapiChannelListLock);
+    if (!listed) {
+        CLAPI_TRACE(EXC, 1462, "clapi_channel.lockChannel() chanTok (%p) is not a channel\n", (void*)channel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    return 0;
+}
+
+int clapiHoldListedChannel(kvlChannel* channel) {
+    int rc = clapiUseListedChannel(channel);
+    if (rc != 0) return rc;
+    rc = lockChannel(channel);
+    if (rc != ECI_NO_ERROR && clapiEndChannelUse(channel)) clapiFreeChannelRecord(channel);
+    return rc;
+}
+
+bool clapiEndChannelUse(kvlChannel* channel) {
+    clapiRequestLock(&clapiChannelListLock);
+    bool last = --channel->users == 0 && channel->deleted.load() != 0;
+    clapiReleaseLock(&clapiChannelListLock);
+    return last;
+}
+
+int clapiReleaseListedChannel(kvlChannel* channel) {
+    int rc = unlockChannel(channel);
+    if (clapiEndChannelUse(channel)) clapiFreeChannelRecord(channel);
+    return rc;
+}
+
+void clapiFreeChannelRecord(kvlChannel* channel) {
+    clapiDeleteEvent(&channel->unlockEvent);
+    clapiDestroyLock(&channel->serlock);
+    kvlContainer* cont = channel->firstCont;
+    while (cont) {
+        kvlContainer* next = cont->nextCont;
+        clapiFreeContainer(cont);
+        cont = next;
+    }
+    clapiChannelWipe(channel, sizeof *channel);
+    free(channel);
+}
+
 int validateName(const char* name) {
     CLAPI_TRACE(ENTRY, 1400, "clapi_channel.validateName(name=%s)\n", name ? name : "NULL");
     int rc = ECI_NO_ERROR;
@@ -130,6 +182,12 @@ int lockChannel(kvlChannel* chanTok) {
     } else {
         bool waited = false;
         for (;;) {
+            if (chanTok->deleted.load() != 0) {
+                // Deleted while this call waited: the record stays until its last user ends.
+                clapiReleaseLock(&chanTok->serlock);
+                rc = ECI_ERR_INVALID_CHANNEL;
+                break;
+            }
             if (chanTok->isLocked == 0) {
                 if (clapiSetEvent(&chanTok->unlockEvent) != 0) {
                     CLAPI_TRACE(EXC, 1467, "clapi_channel.lockChannel() Failed to set unlockEvent for channel (%p)\n",

@@ -2,9 +2,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "eci/clapi_channel.h"
 #include "impl/clapi_impl.h"
+#include "impl/clapi_testhook.h"
 #include "impl/clapi_trace.h"
 #include "kvl_channel.h"
 #include "kvlclient.h"
@@ -115,30 +117,29 @@ KVL_API int ECI_deleteChannel(chanTok* tokPtr) {
     CLAPI_TRACE(ENTRY, 1310, "API.ECI_deleteChannel(tokPtr=%p)\n", (void*)tokPtr);
     int rc = ECI_NO_ERROR;
     kvlChannel* channel = tokPtr ? *tokPtr : nullptr;
-    int listed = 0;
     if (!tokPtr) {
         CLAPI_TRACE(EXC, 1311, "API.ECI_deleteChannel() tokPtr is NULL\n");
         rc = ECI_ERR_NULLCHANNELPTR;
     } else if (!channel) {
         CLAPI_TRACE(EXC, 1312, "API.ECI_deleteChannel() *tokPtr is NULL\n");
         rc = ECI_ERR_INVALID_CHANNEL;
-    } else if ((listed = clapiChannelIsListed(channel)) < 0) {
-        CLAPI_TRACE(EXC, 1315, "API.ECI_deleteChannel() Failed to acquire channel list lock\n");
-        rc = ECI_ERR_LOCKFAIL;
-    } else if (!listed) {
-        CLAPI_TRACE(EXC, 1313, "API.ECI_deleteChannel() chanTok (%p) is not in the channel list\n", (void*)channel);
-        rc = ECI_ERR_INVALID_CHANNEL;
-    } else if ((rc = lockChannel(channel)) != ECI_NO_ERROR) {
-        // lockChannel traced the reason.
+    } else if ((rc = clapiHoldListedChannel(channel)) != ECI_NO_ERROR) {
+        if (rc == ECI_ERR_LOCKFAIL) {
+            CLAPI_TRACE(EXC, 1315, "API.ECI_deleteChannel() Failed to acquire channel list lock\n");
+        } else if (rc == ECI_ERR_INVALID_CHANNEL) {
+            CLAPI_TRACE(EXC, 1313, "API.ECI_deleteChannel() chanTok (%p) is not in the channel list\n", (void*)channel);
+        }
     } else {
-        // Channel lock before the list lock. The second look at the list covers a
-        // delete that raced this one; either way the channel is left as found.
+        // Channel lock before the list lock. The channel leaves the list here;
+        // callers still waiting for it give up, and the record lives until the
+        // last of them has let go.
         bool unlinked = false;
         if (clapiRequestLock(&clapiChannelListLock) != 0) {
             CLAPI_TRACE(EXC, 1315, "API.ECI_deleteChannel() Failed to acquire channel list lock\n");
             rc = ECI_ERR_LOCKFAIL;
         } else {
             unlinked = unlinkChannel(channel);
+            if (unlinked) channel->deleted = 1;
             clapiReleaseLock(&clapiChannelListLock);
             if (!unlinked) {
                 CLAPI_TRACE(EXC, 1313, "API.ECI_deleteChannel() chanTok (%p) is not in the channel list\n",
@@ -147,23 +148,27 @@ KVL_API int ECI_deleteChannel(chanTok* tokPtr) {
             }
         }
         if (!unlinked) {
-            unlockChannel(channel);
+            clapiReleaseListedChannel(channel);
         } else {
             freeContainers(channel, DeleteScope::oneChannel);
             if (unlockChannel(channel) != ECI_NO_ERROR) {
-                // The channel stays allocated, off the list and empty; *tokPtr is kept.
                 CLAPI_TRACE(EXC, 1308, "API.ECI_deleteChannel() Failed to unlock channel\n");
                 rc = ECI_ERR_SYSTEM_ERROR;
-            } else {
-                CLAPI_TRACE(DEBUG, 1423, "API.ECI_deleteChannel() Released lock for channel %p, now deleting\n",
-                            (void*)channel);
+            }
+            CLAPI_TRACE(DEBUG, 1423, "API.ECI_deleteChannel() Released lock for channel %p, now deleting\n",
+                        (void*)channel);
+            if (clapiEndChannelUse(channel)) {
                 clapiDeleteEvent(&channel->unlockEvent);
                 clapiDestroyLock(&channel->serlock);
                 CLAPI_TRACE(EVENT, 1422, "API.ECI_deleteChannel() Deleted channel \"%.16s\" (%p)\n", channel->name,
                             (void*)channel);
                 freeChannelRecord(channel);
-                *tokPtr = nullptr;
+            } else {
+                // Freed by the last caller that still holds it.
+                CLAPI_TRACE(EVENT, 1422, "API.ECI_deleteChannel() Deleted channel \"%.16s\" (%p)\n", channel->name,
+                            (void*)channel);
             }
+            *tokPtr = nullptr;
         }
     }
     CLAPI_TRACE(EXIT, 1314, "API.ECI_deleteChannel() rc=%d (%s)\n", rc, clapiChannelRcName(rc));
@@ -182,10 +187,20 @@ KVL_API int ECI_deleteAllChannels(void) {
             CLAPI_TRACE(DEBUG, 1426,
                         "API.ECI_deleteAllChannels() Destroying event and lock for channel \"%.16s\" (%p)\n",
                         channel->name, (void*)channel);
+            clapiChannelListHead = channel->nextChannel;
+            if (channel->users > 0) {
+                // A request or an API call still holds it: it leaves the list now, and
+                // the last of them frees it, so that none of them touches freed memory.
+                clapiRequestLock(&channel->serlock);
+                channel->deleted = 1;
+                clapiReleaseLock(&channel->serlock);
+                CLAPI_TRACE(EVENT, 1429, "API.ECI_deleteAllChannels() Deleted channel \"%.16s\" (%p)\n",
+                            channel->name, (void*)channel);
+                continue;
+            }
             clapiDeleteEvent(&channel->unlockEvent);
             clapiDestroyLock(&channel->serlock);
             freeContainers(channel, DeleteScope::allChannels);
-            clapiChannelListHead = channel->nextChannel;
             CLAPI_TRACE(EVENT, 1429, "API.ECI_deleteAllChannels() Deleted channel \"%.16s\" (%p)\n", channel->name,
                         (void*)channel);
             freeChannelRecord(channel);
@@ -205,16 +220,59 @@ KVL_API int ECI_getChannelName(chanTok channel, char* nameBuffer) {
     } else if (!nameBuffer) {
         CLAPI_TRACE(EXC, 1322, "API.ECI_getChannelName() nameBuffer is NULL\n");
         rc = ECI_ERR_NULLPTR;
-    } else if ((rc = lockChannel(channel)) == ECI_NO_ERROR) {
+    } else if ((rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
         memset(nameBuffer, 0, CHANNEL_NAME_LENGTH + 1);
+        // The name is rewritten by a channel reply under serlock.
+        clapiRequestLock(&channel->serlock);
         memcpy(nameBuffer, channel->name, CHANNEL_NAME_LENGTH);
-        rc = unlockChannel(channel);
+        clapiReleaseLock(&channel->serlock);
+        rc = clapiReleaseListedChannel(channel);
     }
     CLAPI_TRACE(EXIT, 1324, "API.ECI_getChannelName() rc=%d (%s)\n", rc, clapiChannelRcName(rc));
     return rc;
 }
 
-// A snapshot for diagnosis: the channels' serlocks are not taken.
+KVL_EXTERN_C_END
+
+namespace {
+
+// The lines of one channel and its containers, read under the channel's
+// serlock: a channel reply being applied and the container functions change the
+// record and its container list only under that lock.
+void describeChannel(kvlChannel* channel, int channelNumber, std::string& out) {
+    char description[512];
+    char line[600];
+    clapiRequestLock(&channel->serlock);
+    snprintf(description, sizeof description,
+             "Channel(%p): eyecatcher(%8.8s) name(%16.16s) serlock(%p) unlockEvent(%p) isLocked(%d) "
+             "ccsid(%d) numContainers(%d) nextChannel(%p) firstCont(%p) currentCont(%p)",
+             (void*)channel, channel->eyecatcher, channel->name, (void*)&channel->serlock,
+             (void*)&channel->unlockEvent, (int)channel->isLocked, (int)channel->ccsid, (int)channel->numContainers,
+             (void*)channel->nextChannel, (void*)channel->firstCont, (void*)channel->currentCont);
+    snprintf(line, sizeof line, "Channel list entry -%4.4d- : %s\n", channelNumber, description);
+    out += line;
+    int containerNumber = 0;
+    for (kvlContainer* cont = channel->firstCont; cont; cont = cont->nextCont) {
+        CLAPI_TEST_POINT("dump.container");
+        ++containerNumber;
+        snprintf(description, sizeof description,
+                 "Container(%p): eyecatcher(%8.8s) name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) "
+                 "dataPtr(%p) nextCont(%p)",
+                 (void*)cont, cont->eyecatcher, cont->name, (int)cont->type, (int)cont->ccsid,
+                 clapiLu(cont->dataLength), (void*)cont->dataPtr, (void*)cont->nextCont);
+        snprintf(line, sizeof line, "   Container list entry -%4.4d/%4.4d- : %s\n", channelNumber, containerNumber,
+                 description);
+        out += line;
+    }
+    clapiReleaseLock(&channel->serlock);
+}
+
+}  // namespace
+
+KVL_EXTERN_C_BEGIN
+
+// A snapshot for diagnosis. Each channel is read under its serlock and the
+// text is written after, since the trace lock comes after every serlock.
 KVL_API int KVL_ECI_dumpChannels(void) {
     CLAPI_TRACE(ENTRY, 1410, "API.KVL_ECI_dumpChannels()\n");
     int rc = KVL_OK;
@@ -225,35 +283,17 @@ KVL_API int KVL_ECI_dumpChannels(void) {
         CLAPI_TRACE(EXC, 1411, "API.KVL_ECI_dumpChannels() Failed to acquire channel list lock\n");
         rc = ECI_ERR_LOCKFAIL;
     } else {
+        std::string text;
+        int channelNumber = 0;
+        for (kvlChannel* channel = clapiChannelListHead; channel; channel = channel->nextChannel) {
+            describeChannel(channel, ++channelNumber, text);
+        }
         clapiTraceOutputBegin();
         clapiTraceOutputPrintf("Channel and container dump\n%s\n", kDashes);
-        if (!clapiChannelListHead) {
+        if (channelNumber == 0) {
             clapiTraceOutputPrintf("The channel list is EMPTY\n");
         } else {
-            char description[512];
-            int channelNumber = 0;
-            for (kvlChannel* channel = clapiChannelListHead; channel; channel = channel->nextChannel) {
-                ++channelNumber;
-                snprintf(description, sizeof description,
-                         "Channel(%p): eyecatcher(%8.8s) name(%16.16s) serlock(%p) unlockEvent(%p) isLocked(%d) "
-                         "ccsid(%d) numContainers(%d) nextChannel(%p) firstCont(%p) currentCont(%p)",
-                         (void*)channel, channel->eyecatcher, channel->name, (void*)&channel->serlock,
-                         (void*)&channel->unlockEvent, (int)channel->isLocked, (int)channel->ccsid,
-                         (int)channel->numContainers, (void*)channel->nextChannel, (void*)channel->firstCont,
-                         (void*)channel->currentCont);
-                clapiTraceOutputPrintf("Channel list entry -%4.4d- : %s\n", channelNumber, description);
-                int containerNumber = 0;
-                for (kvlContainer* cont = channel->firstCont; cont; cont = cont->nextCont) {
-                    ++containerNumber;
-                    snprintf(description, sizeof description,
-                             "Container(%p): eyecatcher(%8.8s) name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) "
-                             "dataPtr(%p) nextCont(%p)",
-                             (void*)cont, cont->eyecatcher, cont->name, (int)cont->type, (int)cont->ccsid,
-                             clapiLu(cont->dataLength), (void*)cont->dataPtr, (void*)cont->nextCont);
-                    clapiTraceOutputPrintf("   Container list entry -%4.4d/%4.4d- : %s\n", channelNumber,
-                                           containerNumber, description);
-                }
-            }
+            clapiTraceOutputPrintf("%s", text.c_str());
             clapiTraceOutputPrintf("Total number of channels=%d\n", channelNumber);
         }
         clapiTraceOutputPrintf("%s\n", kDashes);

@@ -224,6 +224,17 @@ int setDataLocked(kvlChannel* channel, const char* name, const void* data, size_
     return rc;
 }
 
+// Runs `work` on a channel this call holds, under its serlock: a channel reply
+// being applied and a dump of the channel list read or change the same record
+// and container list only under that lock.
+template <typename Work>
+int withRecord(kvlChannel* channel, Work work) {
+    if (clapiRequestLock(&channel->serlock) != 0) return ECI_ERR_SYSTEM_ERROR;
+    int rc = work();
+    if (clapiReleaseLock(&channel->serlock) != 0 && rc == ECI_NO_ERROR) rc = ECI_ERR_SYSTEM_ERROR;
+    return rc;
+}
+
 }  // namespace
 
 KVL_EXTERN_C_BEGIN
@@ -242,9 +253,9 @@ KVL_API int ECI_createContainer(chanTok channel, const char* name, int type, int
         rc = ECI_ERR_INVALID_TYPE;
     } else if (!data && dataLength != 0) {
         rc = ECI_ERR_INVALID_DATA_LENGTH;
-    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = lockChannel(channel)) == ECI_NO_ERROR) {
-        rc = createLocked(channel, name, type, ccsid, data, dataLength);
-        if (unlockChannel(channel) != ECI_NO_ERROR) {
+    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
+        rc = withRecord(channel, [&] { return createLocked(channel, name, type, ccsid, data, dataLength); });
+        if (clapiReleaseListedChannel(channel) != ECI_NO_ERROR) {
             CLAPI_TRACE(EXC, 1328, "API.ECI_createContainer() Failed to unlock channnel\n");
             rc = ECI_ERR_SYSTEM_ERROR;
         }
@@ -259,9 +270,9 @@ KVL_API int ECI_deleteContainer(chanTok channel, const char* name) {
     if (!channel) {
         CLAPI_TRACE(EXC, 1361, "API.ECI_deleteContainer() chanTok is NULL\n");
         rc = ECI_ERR_INVALID_CHANNEL;
-    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = lockChannel(channel)) == ECI_NO_ERROR) {
-        rc = deleteLocked(channel, name);
-        if (unlockChannel(channel) != ECI_NO_ERROR) {
+    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
+        rc = withRecord(channel, [&] { return deleteLocked(channel, name); });
+        if (clapiReleaseListedChannel(channel) != ECI_NO_ERROR) {
             CLAPI_TRACE(EXC, 1332, "API.ECI_deleteContainer() Failed to unlock channel\n");
             rc = ECI_ERR_SYSTEM_ERROR;
         }
@@ -283,9 +294,9 @@ KVL_API int ECI_getContainerData(chanTok channel, const char* name, void* buffer
     } else if (!buffer) {
         CLAPI_TRACE(EXC, 1382, "API.ECI_getContainerData() buffer is NULL\n");
         rc = ECI_ERR_NULLPTR;
-    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = lockChannel(channel)) == ECI_NO_ERROR) {
-        rc = getDataLocked(channel, name, buffer, length, offset, bytesReadPtr);
-        if (unlockChannel(channel) != ECI_NO_ERROR) {
+    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
+        rc = withRecord(channel, [&] { return getDataLocked(channel, name, buffer, length, offset, bytesReadPtr); });
+        if (clapiReleaseListedChannel(channel) != ECI_NO_ERROR) {
             CLAPI_TRACE(EXC, 1338, "API.ECI_getContainerData() Failed to unlock channel\n");
             rc = ECI_ERR_SYSTEM_ERROR;
         }
@@ -304,9 +315,9 @@ KVL_API int ECI_getContainerInfo(chanTok channel, const char* name, EciContainer
     } else if (!infoPtr) {
         CLAPI_TRACE(EXC, 1372, "API.ECI_getContainerInfo() infoPtr is NULL\n");
         rc = ECI_ERR_NULLINFOPTR;
-    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = lockChannel(channel)) == ECI_NO_ERROR) {
-        rc = getInfoLocked(channel, name, infoPtr);
-        if (unlockChannel(channel) != ECI_NO_ERROR) {
+    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
+        rc = withRecord(channel, [&] { return getInfoLocked(channel, name, infoPtr); });
+        if (clapiReleaseListedChannel(channel) != ECI_NO_ERROR) {
             CLAPI_TRACE(EXC, 1333, "API.ECI_getContainerInfo() Failed to unlock channel\n");
             rc = ECI_ERR_SYSTEM_ERROR;
         }
@@ -324,9 +335,9 @@ KVL_API int ECI_getFirstContainer(chanTok channel, EciContainerInfo* infoPtr) {
     } else if (!infoPtr) {
         CLAPI_TRACE(EXC, 1327, "API.ECI_getFirstContainer() infoPtr is NULL\n");
         rc = ECI_ERR_NULLINFOPTR;
-    } else if ((rc = lockChannel(channel)) == ECI_NO_ERROR) {
-        rc = getFirstLocked(channel, infoPtr);
-        if (unlockChannel(channel) != ECI_NO_ERROR) {
+    } else if ((rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
+        rc = withRecord(channel, [&] { return getFirstLocked(channel, infoPtr); });
+        if (clapiReleaseListedChannel(channel) != ECI_NO_ERROR) {
             CLAPI_TRACE(EXC, 1319, "API.ECI_getFirstContainer() Failed to unlock channel\n");
             rc = ECI_ERR_SYSTEM_ERROR;
         }
@@ -344,9 +355,9 @@ KVL_API int ECI_getNextContainer(chanTok channel, EciContainerInfo* infoPtr) {
     } else if (!infoPtr) {
         CLAPI_TRACE(EXC, 1337, "API.ECI_getNextContainer() infoPtr is NULL\n");
         rc = ECI_ERR_NULLINFOPTR;
-    } else if ((rc = lockChannel(channel)) == ECI_NO_ERROR) {
-        rc = getNextLocked(channel, infoPtr);
-        if (unlockChannel(channel) != ECI_NO_ERROR) {
+    } else if ((rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
+        rc = withRecord(channel, [&] { return getNextLocked(channel, infoPtr); });
+        if (clapiReleaseListedChannel(channel) != ECI_NO_ERROR) {
             CLAPI_TRACE(EXC, 1323, "API.ECI_getNextContainer() Failed to unlock channel\n");
             rc = ECI_ERR_SYSTEM_ERROR;
         }
@@ -366,9 +377,9 @@ KVL_API int ECI_setContainerData(chanTok channel, const char* name, const void* 
         CLAPI_TRACE(EXC, 1392, "API.ECI_setContainerData() data is NULL when dataLength is %lu\n",
                     clapiLu(dataLength));
         rc = ECI_ERR_INVALID_DATA_LENGTH;
-    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = lockChannel(channel)) == ECI_NO_ERROR) {
-        rc = setDataLocked(channel, name, data, dataLength);
-        if (unlockChannel(channel) != ECI_NO_ERROR) {
+    } else if ((rc = validateName(name)) == ECI_NO_ERROR && (rc = clapiHoldListedChannel(channel)) == ECI_NO_ERROR) {
+        rc = withRecord(channel, [&] { return setDataLocked(channel, name, data, dataLength); });
+        if (clapiReleaseListedChannel(channel) != ECI_NO_ERROR) {
             CLAPI_TRACE(EXC, 1343, "API.ECI_setContainerData() Failed to unlock channel\n");
             rc = ECI_ERR_SYSTEM_ERROR;
         }

@@ -80,7 +80,9 @@ int settleChannelCcsid(kvlChannel* channel) {
 int executeChannelRequest(kvlGatewayToken* gwTok, EciParms* parms) {
     auto* channel = static_cast<kvlChannel*>(parms->eci_channel);
     const bool holdChannel = usesChannel(parms->eci_extend_mode);
-    // A handle that is not on the channel list is never followed.
+    // A handle that is not on the channel list is never followed. The request
+    // counts as a user of the channel until it lets go of it, so that the
+    // record outlives it; modes 2 and 4 use it without locking it.
     int listed = clapiChannelIsListed(channel);
     int rc = 0;
     if (listed < 0) {
@@ -88,14 +90,17 @@ int executeChannelRequest(kvlGatewayToken* gwTok, EciParms* parms) {
     } else if (listed == 0) {
         CLAPI_TRACE(EXC, 1510, "API.KVL_ECI_Execute_Channel() NULL channel, channel=%p\n", parms->eci_channel);
         rc = ECI_ERR_INVALID_CHANNEL;
-    } else if (holdChannel) {
-        rc = lockChannel(channel);
+    } else {
+        rc = holdChannel ? clapiHoldListedChannel(channel) : clapiUseListedChannel(channel);
+        if (rc == ECI_ERR_LOCKFAIL) rc = ECI_ERR_SYSTEM_ERROR;
     }
     if (rc != 0) return rc;
     rc = settleChannelCcsid(channel);
     if (rc == 0) rc = performEciExecute(gwTok, parms, true);
-    if (holdChannel && !(rc == 0 && parms->eci_call_type == ECI_ASYNC)) {
-        if (unlockChannel(channel) != 0) {
+    if (!holdChannel) {
+        if (clapiEndChannelUse(channel)) clapiFreeChannelRecord(channel);
+    } else if (!(rc == 0 && parms->eci_call_type == ECI_ASYNC)) {
+        if (clapiReleaseListedChannel(channel) != 0) {
             CLAPI_TRACE(EXC, 1564, "API.KVL_ECI_Execute_Channel() Unlock channel failed\n");
             if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
         }

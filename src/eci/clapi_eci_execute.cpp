@@ -182,8 +182,8 @@ int markSent(kvlGatewayToken* gwTok, clapiSlot* slot, preparedRequest* p, bool* 
             CLAPI_TRACE(DEBUG, 1526, "clapi_eci.performEciExecute() Async requests=%d on gwTok=%p\n",
                         (int)gwTok->asyncRequestCount, static_cast<void*>(gwTok));
         }
-        slot->state = SLOT_SENT;
-        clapiExtRequestStarted(gwTok, slot, async ? KVL_EXT_KIND_ECI_ASYNC : KVL_EXT_KIND_ECI_SYNC);
+        rc = slotMarkSent(slot);
+        if (rc == 0) clapiExtRequestStarted(gwTok, slot, async ? KVL_EXT_KIND_ECI_ASYNC : KVL_EXT_KIND_ECI_SYNC);
     }
     if (clapiReleaseLock(&gwTok->tableLock) != 0) {
         if (async)

@@ -84,7 +84,7 @@ int deliver(kvlGatewayToken* gwTok, clapiSlot* slot, EciParms* parms) {
     } else {
         slotFree(&gwTok->requestTable, slot);
     }
-    if (parms->eci_channel && unlockChannel(static_cast<kvlChannel*>(parms->eci_channel)) != 0) {
+    if (parms->eci_channel && clapiReleaseListedChannel(static_cast<kvlChannel*>(parms->eci_channel)) != 0) {
         CLAPI_TRACE(EXC, 1566, "clapi_eci.getAsyncReply() Unlock channel failed\n");
         if (rc == 0) rc = ECI_ERR_SYSTEM_ERROR;
     }

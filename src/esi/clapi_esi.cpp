@@ -5,6 +5,7 @@
 
 #include "ext/clapi_ext_hooks.h"
 #include "impl/clapi_impl.h"
+#include "impl/clapi_testhook.h"
 #include "impl/clapi_trace.h"
 
 namespace {
@@ -36,6 +37,27 @@ void freeSlot(kvlGatewayToken* gwTok, clapiSlot* slot, int* rc, bool traced) {
             CLAPI_TRACE(EXC, 1823, "clapi_esi.performEsiFlow() Failed to unlock slot table after freeing slot\n");
         if (*rc == 0) *rc = ESI_ERR_SYSTEM_ERROR;
     }
+}
+// ALLOCATED -> SENT in one hold of the table lock with a second look at the
+// connection: once the receiver has failed the waiting slots it never looks at
+// this one again, so a request the connection's end missed is not sent at all.
+int markSent(kvlGatewayToken* gwTok, clapiSlot* slot, esiDetails* esiDetailsPtr) {
+    CLAPI_TEST_POINT("esi.beforeMarkSent");
+    if (clapiRequestLock(&gwTok->tableLock) != 0) {
+        CLAPI_TRACE(EXC, 1817, "clapi_esi.performEsiFlow() Failed to lock slot table\n");
+        return KVL_ERR_SYSTEM_ERROR;
+    }
+    int rc = clapiConnectionEndedRc(gwTok);
+    if (rc == 0) {
+        slot->esiDetailsPtr = esiDetailsPtr;
+        rc = slotMarkSent(slot);
+        if (rc == 0) clapiExtRequestStarted(gwTok, slot, KVL_EXT_KIND_ESI);
+    }
+    if (clapiReleaseLock(&gwTok->tableLock) != 0) {
+        CLAPI_TRACE(EXC, 1818, "clapi_esi.performEsiFlow() Failed to unlock slot table\n");
+        if (rc == 0) rc = KVL_ERR_SYSTEM_ERROR;
+    }
+    return rc;
 }
 }  // namespace
 
@@ -79,13 +101,13 @@ int performEsiFlow(kvlGatewayToken* gwTok, EsiRequest* esiRequest, esiDetails* e
     if (rc == 0) {
         flowHeader header;
         clapiInitFlowHeader(&header, FLOW_REQUEST, slot->number, "ESI");
-        slot->esiDetailsPtr = esiDetailsPtr;
         if (clapiSetEvent(&slot->event) != 0) {
             CLAPI_TRACE(EXC, 1819, "clapi_esi.performEsiFlow() Failed to set request event\n");
             rc = KVL_ERR_SYSTEM_ERROR;
         } else {
-            slot->state = SLOT_SENT;
-            clapiExtRequestStarted(gwTok, slot, KVL_EXT_KIND_ESI);
+            rc = markSent(gwTok, slot, esiDetailsPtr);
+        }
+        if (rc == 0) {
             if (clapiRequestLock(&gwTok->sendLock) != 0) {
                 CLAPI_TRACE(EXC, 1820, "clapi_esi.performEsiFlow() Failed to acquire send lock\n");
                 rc = KVL_ERR_SYSTEM_ERROR;

@@ -11,18 +11,6 @@ constexpr int kMaxDeadlineMs = 24 * 3600 * 1000;
 
 int32_t deadlineOf(kvlGatewayToken* token) { return token->ext.callDeadlineMs.load(std::memory_order_relaxed); }
 
-// Table lock held. The caller's memory is forgotten, so that nothing reaches it
-// after the caller has returned; its channel is the caller's to unlock.
-void abandon(kvlGatewayToken* token, clapiSlot* slot) {
-    slot->state = SLOT_ABANDONED;
-    slot->channelRequest = 0;
-    slot->request.eci_channel = nullptr;
-    slot->request.eci_commarea = nullptr;
-    slot->replyCapacity = 0;
-    slot->esiDetailsPtr = nullptr;
-    clapiExtRequestEnded(token, slot, ECI_ERR_RESPONSE_TIMEOUT, false);
-}
-
 }  // namespace
 
 int clapiExtAwaitReply(kvlGatewayToken* token, clapiSlot* slot) {
@@ -33,9 +21,9 @@ int clapiExtAwaitReply(kvlGatewayToken* token, clapiSlot* slot) {
     if (!timedOut) return 0;
     if (clapiRequestLock(&token->tableLock) != 0) return -1;
     // A reply being stored into the caller's memory arrived in time: it is waited for.
-    bool gaveUp = slot->state == SLOT_SENT && !slot->replyInProgress;
     const int32_t number = slot->number;
-    if (gaveUp) abandon(token, slot);
+    bool gaveUp = slotAbandon(slot);
+    if (gaveUp) clapiExtRequestEnded(token, slot, ECI_ERR_RESPONSE_TIMEOUT, false);
     clapiReleaseLock(&token->tableLock);
     if (!gaveUp) return clapiWaitEvent(&slot->event) == 0 ? 0 : -1;
     CLAPI_TRACE(EXC, 9016, "clapi_ext.awaitReply() No reply within %d ms for slot %d; request abandoned\n",

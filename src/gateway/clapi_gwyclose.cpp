@@ -85,7 +85,7 @@ int awaitWorkInFlight(kvlGatewayToken* token, int32_t closeTimeout, int32_t apiC
 void unlockAbandonedChannels(kvlGatewayToken* token) {
     for (clapiSlot* s = token->requestTable.first; s; s = s->next) {
         if (s->state != SLOT_FREE && s->channelRequest && s->request.eci_channel) {
-            unlockChannel(static_cast<kvlChannel*>(s->request.eci_channel));
+            clapiReleaseListedChannel(static_cast<kvlChannel*>(s->request.eci_channel));
             s->request.eci_channel = nullptr;
         }
     }

@@ -59,6 +59,14 @@ struct kvlGatewayToken {
     clapiExtConn ext;         // deadline, completion signal and statistics of the extension API
 };
 
+// 0 while the connection is open; otherwise the code a request on it gets.
+// Read under the table lock, where the receiver ends the connection.
+inline int clapiConnectionEndedRc(const kvlGatewayToken* token) {
+    int32_t status = token->connStatus.load();
+    if (status == CONN_CONNECTED) return 0;
+    return status == CONN_LOST ? KVL_ERR_LOSTGWCON : KVL_ERR_GATEWAY_CLOSED;
+}
+
 // Internal results of findGatewayToken; never returned to the application.
 constexpr int FIND_TOKEN_NULL = 1002;
 constexpr int FIND_TOKEN_NOT_FOUND = 1003;

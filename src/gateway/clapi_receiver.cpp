@@ -6,6 +6,7 @@
 #include "ext/clapi_ext_hooks.h"
 #include "gateway/clapi_gwycon.h"
 #include "impl/clapi_impl.h"
+#include "impl/clapi_testhook.h"
 #include "impl/clapi_trace.h"
 
 namespace {
@@ -28,6 +29,7 @@ struct receiver {
     sockBuffer sb;
     flowHeader header;
     char requestType[7];  // the header's field, terminated for the trace
+    int32_t closeCode;    // non-zero once a close flow arrived: the close code for the slots
 };
 
 // Appends a completed async slot to the reply queue; table lock held.
@@ -251,8 +253,10 @@ int receiveFlow(receiver* r, int waitSeconds) {
         int closeCode = byApi ? KVL_ERR_GWTOK_CLOSED : KVL_ERR_GATEWAY_CLOSED;
         CLAPI_TRACE(EVENT, 3042, "clapi_gwycon.receiverThread() Connection closed, initiated by %s; closeRc=%d (%s)\n",
                     byApi ? "API" : "Gateway", closeCode, clapiRcName(closeCode));
-        token->closeRc = closeCode;
-        token->connStatus = CONN_CLOSED;
+        // The state changes in endConnection, in the same hold of the table lock
+        // that queues or fails every request still waiting: a get-reply never sees
+        // the connection closed while a reply is still to be queued.
+        r->closeCode = closeCode;
         return KVL_ERR_GATEWAY_CLOSED;
     }
 
@@ -289,12 +293,18 @@ int receiveFlow(receiver* r, int waitSeconds) {
     return rc;
 }
 
-// Records why the connection ended and fails every request still waiting.
-void endConnection(kvlGatewayToken* token, int code) {
+// Records why the connection ended and fails every request still waiting, in
+// one hold of the table lock (the SENT -> REPLIED transition of the connection's
+// end; see clapi_slots.h). closeCode: the close flow's code, or 0.
+void endConnection(kvlGatewayToken* token, int code, int32_t closeCode) {
+    CLAPI_TEST_POINT("receiver.beforeEnd");
     clapiRequestLock(&token->tableLock);
     int32_t status = token->connStatus.load();
-    int32_t slotCode = token->closeRc;
-    if (status != CONN_CLOSED) {
+    int32_t slotCode = closeCode;
+    if (closeCode != 0) {
+        token->closeRc = closeCode;
+        token->connStatus = CONN_CLOSED;
+    } else {
         token->closeRc = code;
         token->connStatus = status == CONN_CONNECTED ? CONN_LOST : CONN_FAILED;
         slotCode = KVL_ERR_LOSTGWCON;
@@ -344,10 +354,9 @@ void receiverThread(void* conn) {
             waitSeconds = 0;
         }
         freeBuffer(&r.sb);
-    } else {
-        token->connStatus = CONN_FAILED;
     }
-    endConnection(token, code);
+    endConnection(token, code, r.closeCode);
+    CLAPI_TEST_POINT("receiver.afterEnd");
     clapiCloseTokenSocket(token);
     clapiClearEvent(&token->recvThreadEndedEvent);
     CLAPI_TRACE(EXIT, 3041, "clapi_gwycon.receiverThread(conn=%p)\n", conn);

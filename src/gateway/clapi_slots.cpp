@@ -161,6 +161,23 @@ int slotFind(slotTable* table, int32_t luwToken, clapiSlot** requestSlotPP) {
     return rc;
 }
 
+int slotMarkSent(clapiSlot* slotP) {
+    if (slotP->state != SLOT_ALLOCATED) return ECI_ERR_SYSTEM_ERROR;
+    slotP->state = SLOT_SENT;
+    return 0;
+}
+
+bool slotAbandon(clapiSlot* slotP) {
+    if (slotP->state != SLOT_SENT || slotP->replyInProgress) return false;
+    slotP->state = SLOT_ABANDONED;
+    slotP->channelRequest = 0;
+    slotP->request.eci_channel = nullptr;
+    slotP->request.eci_commarea = nullptr;
+    slotP->replyCapacity = 0;
+    slotP->esiDetailsPtr = nullptr;
+    return true;
+}
+
 void slotFree(slotTable* table, clapiSlot* slotP) {
     CLAPI_TRACE(ENTRY, 2058, "clapi_gwytok.slotFree(requestTableP=%p, slotP=%p)\n", static_cast<void*>(table),
                 static_cast<void*>(slotP));

@@ -7,6 +7,43 @@
 // behind it with continued numbering and given back from the end when empty.
 //
 // None of these functions locks: the caller holds the token's table lock.
+//
+// The request state machine. Every request kind (ECI sync and async, channel,
+// ESI, list systems) moves its slot through these states, and every transition
+// is made under the token's table lock:
+//
+//   FREE ------slotFind------> ALLOCATED      connection checked CONNECTED in the same hold
+//   LUW_KEPT --slotFind(luw)-> ALLOCATED
+//   ALLOCATED --slotMarkSent-> SENT           connection checked CONNECTED again in the same
+//                                             hold; the sender's fields are installed there
+//   ALLOCATED --slotFree-----> FREE           refused, or preparing the request failed
+//   SENT ------markReplied---> REPLIED        (receiver) a reply, error or exception flow
+//   SENT ------endConnection-> REPLIED        (receiver) drop, close flow, purge: the code
+//                                             of the end; connStatus leaves CONNECTED in
+//                                             the same hold, so every SENT slot is failed
+//                                             exactly once and no slot becomes SENT after
+//   SENT ------slotAbandon---> ABANDONED      a sync caller's deadline passed while no reply
+//                                             was being decoded for it (replyInProgress 0);
+//                                             the caller's memory is forgotten and the
+//                                             caller returns without touching the slot again
+//   ABANDONED --late reply---> FREE           (receiver) the reply, error or exception flow
+//                                             is read whole and dropped
+//   ABANDONED --endConnection-> FREE          (receiver) in the same hold that fails the SENT
+//                                             slots: no reply can come any more
+//   SENT or REPLIED --slotFree-> FREE         the sender, when its send failed
+//   REPLIED ---slotFree------> FREE           the collector: the sync caller after its
+//                                             wait, or get-reply for an async request
+//   REPLIED ---collector-----> LUW_KEPT       a unit of work stays open
+//   any -------slotFree------> FREE           token delete, after every call has left
+//
+// An async slot enters the token's reply queue in the same hold that makes it
+// REPLIED, and leaves it in the hold that frees or keeps it. Replies match SENT
+// and ABANDONED slots only (a reply for any other slot ends the connection);
+// the end of the connection fails every SENT slot and frees every ABANDONED one,
+// each exactly once. A caller waits on the slot's event only once its slot is
+// SENT, and the receiver releases the event in the hold that makes the slot
+// REPLIED, so no wait can outlive the connection. An ABANDONED slot has no
+// waiter and no owner but the receiver thread.
 #pragma once
 
 #include <cstdint>
@@ -85,6 +122,13 @@ void slotTableRelease(slotTable* table);
 // luwToken 0: the free slot with the lowest number, growing the table when none
 // is free. Otherwise the slot kept for that LUW. Returns 0, -8, -15, -111 or -9.
 int slotFind(slotTable* table, int32_t luwToken, clapiSlot** requestSlotPP);
+// ALLOCATED -> SENT: 0, or -9 when the slot is not ALLOCATED. The caller has
+// checked under the same hold of the table lock that the connection is open.
+int slotMarkSent(clapiSlot* slotP);
+// SENT -> ABANDONED when no reply is being decoded into it: true. The caller's
+// memory (COMMAREA, channel, ESI details) is forgotten, so nothing reaches it.
+// false leaves the slot as it is: the reply is (being) stored, wait for it.
+bool slotAbandon(clapiSlot* slotP);
 // Returns the slot to SLOT_FREE and gives back trailing blocks that are empty.
 void slotFree(slotTable* table, clapiSlot* slotP);
 // The slot numbered messageId when it awaits a reply (SLOT_SENT): 0, else -9.

@@ -10,6 +10,14 @@
 #include "eci/clapi_channel.h"
 #include "kvlclient.h"
 #include "loopback.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizer allocator's count of bytes in use (its allocator interface).
+extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
+#define KVL_HEAP_COUNTER 1
+#endif
+#include <atomic>
+#include <thread>
 #include "trace_capture.h"
 
 using kvltest::Bytes;
@@ -27,8 +35,10 @@ struct TestChannel {
         memcpy(ch->eyecatcher, CLAPI_CHANNEL_EYECATCHER, 8);
         clapiCopyName(ch->name, name);
         ch->ccsid = ccsid;
+        clapiInitLock(&ch->serlock);
     }
     ~TestChannel() {
+        clapiDestroyLock(&ch->serlock);
         for (kvlContainer* c = ch->firstCont; c;) {
             kvlContainer* next = c->nextCont;
             clapiFreeContainer(c);
@@ -311,4 +321,44 @@ TEST(ChannelDecode, ThroughTheEciReplyStaysInStep) {
     EXPECT_EQ(clapiReadECIResponse(reply.sb(), &r), ECI_ERR_SYSTEM_ERROR);
     EXPECT_EQ(t.ch->numContainers, 0);
     EXPECT_TRUE(reply.markerIsNext());
+}
+
+// A Gateway that declares a huge container and sends a few bytes of it must not
+// make the client reserve the declared size: the block grows with what arrives.
+TEST(ChannelDecode, DeclaredLengthAloneReservesLittle) {
+#ifndef KVL_HEAP_COUNTER
+    GTEST_SKIP() << "needs the sanitizer allocator's counters";
+#else
+    constexpr uint32_t kDeclared = 512u << 20;
+    TestChannel t("CH");
+    Loopback net;
+    ASSERT_TRUE(net.ok());
+    kvltest::ReadBuffer buffer(net.client);
+    Wire body = channelHead("CH", 1208, 1);
+    body.raw(name16("HUGE")).u8(1).u8(0).u8(0).u8(1).be32(0).be32(kDeclared).fill(40000, 'h');
+    Wire flow;
+    flow.header(FLOW_REPLY, 1, "ECI", static_cast<uint32_t>(body.size() - 40000 + kDeclared)).raw(body.bytes());
+    net.send(flow);
+    flowHeader h{};
+    ASSERT_EQ(kvltest::readFlow(&buffer.sb, &h), 0);
+
+    const size_t before = __sanitizer_get_current_allocated_bytes();
+    std::atomic<bool> done{false};
+    int rc = 0;
+    std::thread reader([&] {
+        rc = readChannel(&buffer.sb, t.ch);
+        done = true;
+    });
+    size_t peak = 0;
+    for (int i = 0; i < 50 && !done; ++i) {
+        size_t now = __sanitizer_get_current_allocated_bytes();
+        if (now > before && now - before > peak) peak = now - before;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    net.closePeer();
+    reader.join();
+    EXPECT_NE(rc, 0);
+    EXPECT_LT(peak, size_t{8} << 20) << "reserved for 40 KB that arrived";
+    EXPECT_EQ(t.ch->numContainers, 0);
+#endif
 }

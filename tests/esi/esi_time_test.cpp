@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <ctime>
 
@@ -100,4 +101,33 @@ TEST(EsiConvertTime, NullPointersChangeNothingAndBadMonthsStayInBounds) {
     EXPECT_EQ(out.tm_mon, 99);
     t = esiTime(2020, -5, 1);
     EXPECT_EQ(KVL_ESI_convertTime(&t, &out), &out);
+}
+
+// Years and days come straight from the Gateway: the extremes of int must give
+// defined results (no overflow, which UndefinedBehaviorSanitizer stops on).
+TEST(EsiConvertTime, ExtremeYearsAndDaysDoNotOverflow) {
+    const struct {
+        int year;
+        int day;
+        int expectYear;  // tm_year, clamped to int
+        int expectYday;  // tm_yday, clamped to int
+    } cases[] = {
+        {INT_MAX, 1, INT_MAX - 1900, 1},
+        {INT_MIN, 1, INT_MIN, 1},
+        {INT_MIN + 1899, 1, INT_MIN, 1},
+        {2020, INT_MAX, 120, INT_MAX},
+        {2020, INT_MIN, 120, INT_MIN + 0},
+        {INT_MAX, INT_MAX, INT_MAX - 1900, INT_MAX},
+        {INT_MIN, INT_MIN, INT_MIN, INT_MIN},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.year << "/" << c.day);
+        EsiTime t = esiTime(c.year, 0, c.day);
+        struct tm out {};
+        ASSERT_EQ(KVL_ESI_convertTime(&t, &out), &out);
+        EXPECT_EQ(out.tm_year, c.expectYear);
+        EXPECT_EQ(out.tm_yday, c.expectYday);
+        EXPECT_GE(out.tm_wday, 0);
+        EXPECT_LE(out.tm_wday, 6);
+    }
 }

@@ -110,6 +110,30 @@ bool ScriptedGateway::readHeader(wire::Header& header, int timeoutMs) {
     return receiveExactly(peer_, body.data(), body.size(), timeoutMs);
 }
 
+bool ScriptedGateway::readHeaderAndDrain(wire::Header& header, int quietMs) {
+    uint8_t fixed[24];
+    if (!receiveExactly(peer_, fixed, sizeof fixed, 10000)) return false;
+    uint32_t typeLength = (uint32_t{fixed[20]} << 24) | (uint32_t{fixed[21]} << 16) | (uint32_t{fixed[22]} << 8) | fixed[23];
+    if (typeLength > wire::kMaxRequestTypeLength) return false;
+    wire::Bytes raw(fixed, fixed + sizeof fixed);
+    raw.resize(sizeof fixed + typeLength + 5);
+    if (!receiveExactly(peer_, raw.data() + sizeof fixed, typeLength + 5, 10000)) return false;
+    wire::MemorySource source(raw);
+    std::string error;
+    if (!wire::decodeHeader(source, header, error)) return false;
+    uint8_t scratch[4096];
+    platformSetNonBlocking(peer_, true);
+    for (int quiet = 0; quiet < quietMs; quiet += 20) {
+        if (platformRecv(peer_, scratch, sizeof scratch) > 0) {
+            quiet = 0;
+            continue;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    platformSetNonBlocking(peer_, false);
+    return true;
+}
+
 void ScriptedGateway::closePeer() {
     if (peer_ != PLATFORM_INVALID_SOCKET) platformShutdownSocket(peer_);
 }

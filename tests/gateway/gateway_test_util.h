@@ -70,6 +70,9 @@ public:
     bool send(const kvlemu::wire::Bytes& bytes);
     // The next whole flow sent by the client (header only is returned).
     bool readHeader(kvlemu::wire::Header& header, int timeoutMs = 10000);
+    // The next flow's header; its body is read until nothing more comes for
+    // quietMs (a channel request declares more than it sends).
+    bool readHeaderAndDrain(kvlemu::wire::Header& header, int quietMs = 200);
     void closePeer();
 
 private:
