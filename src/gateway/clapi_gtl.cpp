@@ -3,6 +3,7 @@
 
 #include "gateway/clapi_gwytok.h"
 #include "impl/clapi_impl.h"
+#include "impl/clapi_testhook.h"
 #include "impl/clapi_trace.h"
 
 namespace {
@@ -110,6 +111,7 @@ int clapiRegisterRequest(kvlGatewayToken* gwTok) {
         }
         clapiReleaseLock(&clapiGtlLock);
     }
+    if (rc == 0) CLAPI_TEST_POINT("register.registered");
     CLAPI_TRACE(EXIT, 2024, "clapi_gwytok.clapiRegisterRequest() rc=%d\n", rc);
     return rc;
 }

@@ -5,6 +5,7 @@
 #include "gateway/clapi_gwycon.h"
 #include "gateway/clapi_gwytok.h"
 #include "impl/clapi_impl.h"
+#include "impl/clapi_testhook.h"
 #include "impl/clapi_trace.h"
 
 uint32_t clapiCloseAnswerSeconds = 30;
@@ -213,6 +214,23 @@ int quiesceConnection(kvlGatewayToken* gwTok, int32_t closeTimeout) {
     return rc;
 }
 
+namespace {
+
+// Takes the GTL lock for the free with no API call inside the library on the
+// token. The token stays on the list until it is freed, so a call can still
+// register between the quiesce's last wait and this lock; it finds the token
+// closing and leaves at once, and the free waits for it to go.
+int lockForFree(kvlGatewayToken* token) {
+    for (;;) {
+        if (clapiRequestLock(&clapiGtlLock) != 0) return KVL_ERR_SYSTEM_ERROR;
+        if (token->apiCallCount == 0) return 0;
+        clapiReleaseLock(&clapiGtlLock);
+        if (awaitApiCalls(token) != 0) return KVL_ERR_SYSTEM_ERROR;
+    }
+}
+
+}  // namespace
+
 int clapiDeleteGatewayToken(kvlGatewayToken** gwTokPtr, int32_t closeTimeout, bool lockRequired) {
     CLAPI_TRACE(ENTRY, 2029, "clapi_gwytok.clapiDeleteGatewayToken(gwTokPtr=%p, closeTimeout=%d, lockRequired=%s)\n",
                 static_cast<void*>(gwTokPtr), (int)closeTimeout, boolText(lockRequired));
@@ -239,7 +257,8 @@ int clapiDeleteGatewayToken(kvlGatewayToken** gwTokPtr, int32_t closeTimeout, bo
             if (rc == 0) rc = KVL_ERR_SYSTEM_ERROR;
         }
         if (rc == 0) rc = quiesceConnection(token, closeTimeout);
-        if (rc == 0 && clapiRequestLock(&clapiGtlLock) != 0) {
+        CLAPI_TEST_POINT("delete.beforeFree");
+        if (rc == 0 && lockForFree(token) != 0) {
             CLAPI_TRACE(EXC, 2081, "clapi_gwytok.clapiDeleteGatewayToken() Failed to lock Gateway token list after quiesce\n");
             rc = KVL_ERR_SYSTEM_ERROR;
         } else if (rc == 0) {

@@ -155,4 +155,33 @@ TEST_F(ConnectionEndRace, GetReplyDuringACloseFlowCollectsTheFailedRequest) {
     clapiReleaseLock(&token_->tableLock);
 }
 
+// Finding: a call could register on a token between the purge's last wait for
+// API calls and the free (the token stays on the list until then); the purge
+// freed the token under the call, which then read freed memory. Here the
+// purge is held just before its free while a list request registers.
+TEST_F(ConnectionEndRace, CallRegisteringAsThePurgeFreesIsWaitedFor) {
+    TestPointGate beforeFree("delete.beforeFree");
+    BoundedCall purge([t = token_]() mutable { return KVL_purgeGatewayConnection(&t, 0); });
+    ASSERT_TRUE(beforeFree.waitArrived());
+
+    TestPointGate registered("register.registered");
+    BoundedCall list([t = token_] {
+        kvlSystemInfo systems[2]{};
+        unsigned short count = 2;
+        return KVL_listSystems(t, &count, systems);
+    });
+    ASSERT_TRUE(registered.waitArrived());
+    beforeFree.release();
+    // The purge may not free the token while the list request is inside the library.
+    EXPECT_FALSE(purge.finish(300).has_value()) << "the token was freed under a registered call";
+    registered.release();
+    auto listRc = list.finish();
+    ASSERT_TRUE(listRc.has_value());
+    EXPECT_NE(*listRc, KVL_OK);  // the connection is closing: the request is refused
+    auto purgeRc = purge.finish();
+    ASSERT_TRUE(purgeRc.has_value()) << "the purge waited for ever";
+    EXPECT_EQ(*purgeRc, KVL_OK);
+    token_ = nullptr;
+}
+
 }  // namespace
