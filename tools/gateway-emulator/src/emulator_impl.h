@@ -131,6 +131,9 @@ struct Emulator::Impl {
     // send.cpp
     bool send(Connection& conn, const wire::Bytes& flow, const char* what);
     void drop(Connection& conn, const char* why);
+    // Writes the bytes and shuts the connection down in one hold of its send
+    // lock, so that no other flow can follow them on the wire.
+    bool sendThenDrop(Connection& conn, const wire::Bytes& bytes, const char* what, const char* why);
     // Sends a request's reply, or what the fault puts in its place.
     void deliver(const std::shared_ptr<Connection>& conn, const wire::Header& request, const wire::Bytes& replyFlow,
                  const std::optional<Fault>& fault, const RequestNote& note);

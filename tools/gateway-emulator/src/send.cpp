@@ -71,6 +71,20 @@ void Emulator::Impl::drop(Connection& conn, const char* why) {
     log(1, "conn " + std::to_string(conn.index) + " closed: " + why);
 }
 
+bool Emulator::Impl::sendThenDrop(Connection& conn, const wire::Bytes& bytes, const char* what, const char* why) {
+    bool ok;
+    {
+        std::lock_guard<std::mutex> lock(conn.sendMutex);
+        if (conn.dropped.exchange(true)) return false;
+        tap(conn, false, bytes);
+        ok = conn.stream->write(bytes.data(), bytes.size());
+        conn.stream->shutdown();
+    }
+    log(2, sentLine(conn, bytes, what) + (ok ? "" : " NOT SENT"), &bytes);
+    log(1, "conn " + std::to_string(conn.index) + " closed: " + why);
+    return ok;
+}
+
 void Emulator::Impl::logRequest(const Connection& conn, const wire::Header& request, const RequestNote& note,
                                 const char* outcome) {
     if (verbosity < 1) return;  // read without logMutex: a stale level only costs one line
@@ -129,8 +143,7 @@ void Emulator::Impl::deliver(const std::shared_ptr<Connection>& connPtr, const w
             counted(send(conn, flows::error(id, fault->rc, request.requestType), "ERROR (fault)"));
             break;
         case Fault::Kind::CloseFlow:
-            send(conn, flows::close(), "CLOSE (fault)");
-            drop(conn, "close flow sent");
+            sendThenDrop(conn, flows::close(), "CLOSE (fault)", "close flow sent");
             break;
         case Fault::Kind::StrayReply:
             send(conn, flows::strayReply(id), "REPLY for nobody (fault)");
@@ -146,9 +159,9 @@ void Emulator::Impl::deliver(const std::shared_ptr<Connection>& connPtr, const w
             size_t headerSize = request.requestType.size() + wire::kHeaderFixedSize;
             size_t cut = replyFlow.size() > headerSize ? headerSize + (replyFlow.size() - headerSize) / 2
                                                        : replyFlow.size() / 2;
-            send(conn, wire::Bytes(replyFlow.begin(), replyFlow.begin() + static_cast<std::ptrdiff_t>(cut)),
-                 "PART OF REPLY (fault)");
-            drop(conn, "dropped in the middle of a reply (fault)");
+            // Nothing may follow the cut: the rest of the stream would be read as this reply's data.
+            sendThenDrop(conn, wire::Bytes(replyFlow.begin(), replyFlow.begin() + static_cast<std::ptrdiff_t>(cut)),
+                         "PART OF REPLY (fault)", "dropped in the middle of a reply (fault)");
             break;
         }
         case Fault::Kind::NoReply:
@@ -174,11 +187,8 @@ bool Emulator::Impl::injectNow(Connection& conn, const Fault& fault) {
             return send(conn, flows::exception(id, fault.text), "EXCEPTION (injected)");
         case Fault::Kind::ErrorFlow:
             return send(conn, flows::error(id, fault.rc, "ECI"), "ERROR (injected)");
-        case Fault::Kind::CloseFlow: {
-            bool ok = send(conn, flows::close(), "CLOSE (injected)");
-            drop(conn, "close flow sent");
-            return ok;
-        }
+        case Fault::Kind::CloseFlow:
+            return sendThenDrop(conn, flows::close(), "CLOSE (injected)", "close flow sent");
         case Fault::Kind::StrayReply:
             return send(conn, flows::strayReply(id), "REPLY for nobody (injected)");
         case Fault::Kind::Garbage:
