@@ -45,13 +45,22 @@ void queueAsyncReply(kvlGatewayToken* token, clapiSlot* slot) {
     clapiClearEvent(&token->asyncReplyEvent);
 }
 
-// Records the reply's code and wakes the caller; table lock held. The async
-// reply is queued before the caller's event is released.
-void markReplied(kvlGatewayToken* token, clapiSlot* slot, int32_t replyRc) {
+// Records the reply's code; table lock held. An async reply is queued and its
+// slot's event released here: nobody waits on that event, and a get-reply may
+// free the slot as soon as the lock is dropped. True for a sync slot when
+// `deferWake`: its caller's event is then released by the caller of
+// markReplied once the lock is dropped, so that the woken caller does not
+// block on the table lock at once (the slot stays until its caller has woken).
+bool markReplied(kvlGatewayToken* token, clapiSlot* slot, int32_t replyRc, bool deferWake) {
     slot->replyRc = replyRc;
     slot->state = SLOT_REPLIED;
-    if (slot->request.eci_call_type == ECI_ASYNC) queueAsyncReply(token, slot);
-    clapiClearEvent(&slot->event);
+    const bool async = slot->request.eci_call_type == ECI_ASYNC;
+    if (async) queueAsyncReply(token, slot);
+    if (async || !deferWake) {
+        clapiClearEvent(&slot->event);
+        return false;
+    }
+    return true;
 }
 
 void storeReply(clapiSlot* slot, const replyResult& reply) {
@@ -78,21 +87,24 @@ int completeSlot(kvlGatewayToken* token, int32_t messageId, int32_t replyRc, con
         return KVL_ERR_SYSTEM_ERROR;
     }
     clapiSlot* slot = slotByNumber(&token->requestTable, messageId);
+    clapiEvent* wake = nullptr;
     if (slot && slot->state == SLOT_SENT) {
         slot->replyInProgress = 0;
         if (reply) storeReply(slot, *reply);
         clapiExtRequestEnded(token, slot, replyRc != 0 ? replyRc : slot->bodyRc, true);
-        markReplied(token, slot, replyRc);
+        if (markReplied(token, slot, replyRc, true)) wake = &slot->event;
     } else if (slot && slot->state == SLOT_ABANDONED) {
         CLAPI_TRACE(DEBUG, 9150, "clapi_gwycon.receiverThread() Late reply for slot %d dropped, its caller gave up\n",
                     (int)messageId);
         slotFree(&token->requestTable, slot);
     }
+    int rc = 0;
     if (clapiReleaseLock(&token->tableLock) != 0) {
         CLAPI_TRACE(EXC, 3040, "clapi_gwycon.receiverThread() Failed to release table lock\n");
-        return KVL_ERR_SYSTEM_ERROR;
+        rc = KVL_ERR_SYSTEM_ERROR;
     }
-    return 0;
+    if (wake) clapiClearEvent(wake);
+    return rc;
 }
 
 // slotLookup under the table lock: 0 when the slot awaits a reply. On success
@@ -317,7 +329,9 @@ void endConnection(kvlGatewayToken* token, int code, int32_t closeCode) {
         if (s->state == SLOT_SENT) {
             s->replyInProgress = 0;
             clapiExtRequestEnded(token, s, slotCode, false);
-            markReplied(token, s, slotCode);
+            // Released under the lock: once it is dropped, a woken caller may free
+            // its slot, and the walk could not go on (a rare path, many slots).
+            markReplied(token, s, slotCode, false);
         }
     }
     // No reply can come for an abandoned request any more. slotFree may give

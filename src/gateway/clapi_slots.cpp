@@ -14,13 +14,14 @@ constexpr char kSlotEyecatcher[8] = {'K', 'V', 'L', 'R', 'S', 'L', 'O', 'T'};
 // Numbers must stay positive int32 values.
 constexpr int32_t kMaxExtraBlocks = INT32_MAX / SLOT_BLOCK_SIZE - 2;
 
-void initBlock(clapiSlot* block, int32_t firstNumber) {
+void initBlock(slotTable* table, clapiSlot* block, int32_t firstNumber) {
     for (int32_t i = 0; i < SLOT_BLOCK_SIZE; ++i) {
         clapiSlot* s = &block[i];
         memcpy(s->eyecatcher, kSlotEyecatcher, sizeof s->eyecatcher);
         s->state = SLOT_FREE;
         s->number = firstNumber + i;
         s->next = (i + 1 < SLOT_BLOCK_SIZE) ? &block[i + 1] : nullptr;
+        slotIndexMark(&table->freeIndex, s->number, true);
     }
 }
 
@@ -58,6 +59,7 @@ bool blockAllFree(const clapiSlot* block) {
 // Appends a block of 16 free slots; null (chain unchanged) when memory is short.
 clapiSlot* growTable(slotTable* table) {
     if (table->extraCount >= kMaxExtraBlocks) return nullptr;
+    if (!slotIndexReserve(&table->freeIndex, (table->extraCount + 2) * SLOT_BLOCK_SIZE)) return nullptr;
     if (table->extraCount == table->extraCapacity) {
         int32_t capacity = table->extraCapacity == 0 ? 8 : table->extraCapacity * 2;
         if (capacity > kMaxExtraBlocks) capacity = kMaxExtraBlocks;
@@ -69,20 +71,21 @@ clapiSlot* growTable(slotTable* table) {
     auto* block = static_cast<clapiSlot*>(calloc(SLOT_BLOCK_SIZE, sizeof(clapiSlot)));
     if (!block) return nullptr;
     clapiSlot* previousLast = &lastBlock(table)[SLOT_BLOCK_SIZE - 1];
-    initBlock(block, previousLast->number + 1);
+    initBlock(table, block, previousLast->number + 1);
     previousLast->next = block;
     table->extra[table->extraCount++] = block;
     return block;
 }
 
 // Takes a free slot: its event is created here and lives until slotFree.
-int takeFreeSlot(clapiSlot* s) {
+int takeFreeSlot(slotTable* table, clapiSlot* s) {
     CLAPI_TRACE(DEBUG, 2055, "clapi_gwytok.slotFind() Allocated slot %d for request\n", (int)s->number);
     if (clapiCreateEvent(&s->event) != 0) {
         CLAPI_TRACE(EXC, 2065, "clapi_gwytok.slotFind() Create event failed\n");
         return ECI_ERR_SYSTEM_ERROR;
     }
     s->state = SLOT_ALLOCATED;
+    slotIndexMark(&table->freeIndex, s->number, false);
     return 0;
 }
 
@@ -100,7 +103,8 @@ int findLuwSlot(slotTable* table, int32_t luwToken, clapiSlot** found) {
 }  // namespace
 
 void slotTableInit(slotTable* table) {
-    initBlock(table->first, 1);
+    slotIndexInit(&table->freeIndex);
+    initBlock(table, table->first, 1);
     table->extra = nullptr;
     table->extraCount = 0;
     table->extraCapacity = 0;
@@ -122,6 +126,7 @@ void slotTableRelease(slotTable* table) {
     table->extraCapacity = 0;
     table->first[SLOT_BLOCK_SIZE - 1].next = nullptr;
     for (int32_t i = 0; i < SLOT_BLOCK_SIZE; ++i) wipeRequest(&table->first[i]);
+    slotIndexRelease(&table->freeIndex);
 }
 
 int32_t slotBlockCount(const slotTable* table) { return table->extraCount + 1; }
@@ -142,8 +147,7 @@ int slotFind(slotTable* table, int32_t luwToken, clapiSlot** requestSlotPP) {
     if (luwToken != 0) {
         rc = findLuwSlot(table, luwToken, &s);
     } else {
-        s = table->first;
-        while (s && s->state != SLOT_FREE) s = s->next;
+        s = slotByNumber(table, slotIndexLowest(&table->freeIndex));
         if (!s) {
             s = growTable(table);
             if (!s) {
@@ -154,7 +158,7 @@ int slotFind(slotTable* table, int32_t luwToken, clapiSlot** requestSlotPP) {
                             static_cast<void*>(s), (int)s->number, (int)(s->number + SLOT_BLOCK_SIZE - 1));
             }
         }
-        if (s) rc = takeFreeSlot(s);
+        if (s) rc = takeFreeSlot(table, s);
     }
     if (requestSlotPP) *requestSlotPP = s;
     CLAPI_TRACE(EXIT, 2057, "clapi_gwytok.slotFind() rc=%d\n", rc);
@@ -185,6 +189,7 @@ void slotFree(slotTable* table, clapiSlot* slotP) {
     if (slotP && slotByNumber(table, slotP->number) == slotP) {
         if (slotP->state != SLOT_FREE) {
             slotP->state = SLOT_FREE;
+            slotIndexMark(&table->freeIndex, slotP->number, true);
             clapiDeleteEvent(&slotP->event);
             slotP->event = nullptr;
             wipeRequest(slotP);
@@ -194,6 +199,7 @@ void slotFree(slotTable* table, clapiSlot* slotP) {
         if (k != 0 && k == table->extraCount) {
             while (table->extraCount > 0 && blockAllFree(lastBlock(table))) {
                 clapiSlot* block = lastBlock(table);
+                for (int32_t i = 0; i < SLOT_BLOCK_SIZE; ++i) slotIndexMark(&table->freeIndex, block[i].number, false);
                 CLAPI_TRACE(DEBUG, 2059, "clapi_gwytok.slotFree() Freeing slot table at slotP=%p, first=%d, last=%d\n",
                             static_cast<void*>(block), (int)block->number, (int)(block->number + SLOT_BLOCK_SIZE - 1));
                 memset(static_cast<void*>(block), 0, sizeof(clapiSlot) * SLOT_BLOCK_SIZE);

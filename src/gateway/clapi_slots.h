@@ -48,6 +48,7 @@
 
 #include <cstdint>
 
+#include "gateway/clapi_slotindex.h"
 #include "impl/clapi_lock.h"
 #include "kvl_eci.h"
 #include "kvl_esi.h"
@@ -111,6 +112,7 @@ struct slotTable {
     clapiSlot** extra;      // extra[k-1] = first slot of block k
     int32_t extraCount;     // blocks chained behind the embedded one
     int32_t extraCapacity;  // entries allocated in `extra`
+    slotFreeIndex freeIndex;  // marks the FREE slots: slotFind takes the lowest without a walk
 };
 
 // Numbers the embedded block 1..16 and links it; no allocation.

@@ -1,6 +1,7 @@
 // Linux implementation of the platform layer.
 #include "platform/platform.h"
 
+#include <atomic>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <netinet/tcp.h>
 #include <new>
 #include <pthread.h>
+#include <sched.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -33,6 +35,8 @@ struct PosixEvent {
     pthread_mutex_t mutex;
     pthread_cond_t cond;
     bool signalled;
+    // Signals still touching the event after their unlock; close waits for 0.
+    std::atomic<int> signalling;
 };
 
 int fail(int err) {
@@ -70,12 +74,16 @@ platformEventHandle platformEventCreate() {
         return nullptr;
     }
     e->signalled = false;
+    e->signalling.store(0, std::memory_order_relaxed);
     return e;
 }
 
 int platformEventClose(platformEventHandle h) {
     auto* e = static_cast<PosixEvent*>(h);
     if (!e) return fail(EINVAL);
+    // A waiter may have seen the event signalled and its owner closed it while
+    // the signaller still broadcasts: that lasts a few instructions.
+    while (e->signalling.load(std::memory_order_acquire) != 0) sched_yield();
     pthread_cond_destroy(&e->cond);
     pthread_mutex_destroy(&e->mutex);
     delete e;
@@ -85,10 +93,14 @@ int platformEventClose(platformEventHandle h) {
 int platformEventSignal(platformEventHandle h) {
     auto* e = static_cast<PosixEvent*>(h);
     if (!e) return fail(EINVAL);
+    e->signalling.fetch_add(1, std::memory_order_relaxed);
     pthread_mutex_lock(&e->mutex);
     e->signalled = true;
-    pthread_cond_broadcast(&e->cond);
     pthread_mutex_unlock(&e->mutex);
+    // Broadcast after the unlock, so that a woken waiter does not block on the
+    // mutex at once. The flag was set under it, so no wake-up is lost.
+    pthread_cond_broadcast(&e->cond);
+    e->signalling.fetch_sub(1, std::memory_order_release);
     return 0;
 }
 

@@ -191,4 +191,37 @@ TEST_F(SlotTableTest, FreeWipesTheRequestAndFreesTheOwnedBuffer) {
     EXPECT_EQ(SLOT_FREE, s->state);
 }
 
+// The lowest free number, checked against a walk of the whole chain, while
+// thousands of slots are taken and freed in a scattered order, trailing
+// blocks go back and the table grows again (the index behind slotFind).
+TEST_F(SlotTableTest, TheLowestFreeSlotIsTakenWhateverTheOrderOfFrees) {
+    auto lowestFreeByWalk = [&] {
+        for (clapiSlot* s = table_->first; s; s = s->next) {
+            if (s->state == SLOT_FREE) return s->number;
+        }
+        return slotBlockCount(table_) * SLOT_BLOCK_SIZE + 1;  // the next block's first
+    };
+    std::vector<clapiSlot*> taken = take(5000);
+    uint32_t seed = 12345;
+    auto next = [&seed] { return seed = seed * 1103515245u + 12345u; };
+    for (int round = 0; round < 4000; ++round) {
+        if (!taken.empty() && (next() >> 16) % 3 != 0) {
+            size_t at = (next() >> 8) % taken.size();
+            slotFree(table_, taken[at]);
+            taken[at] = taken.back();
+            taken.pop_back();
+        } else {
+            int expected = lowestFreeByWalk();
+            clapiSlot* s = nullptr;
+            ASSERT_EQ(0, slotFind(table_, 0, &s));
+            ASSERT_EQ(expected, s->number) << "round " << round;
+            taken.push_back(s);
+        }
+    }
+    // Everything back: the table shrinks to the embedded block, and slot 1 comes first.
+    for (clapiSlot* s : taken) slotFree(table_, s);
+    EXPECT_EQ(1, slotBlockCount(table_));
+    EXPECT_EQ(1, take(1)[0]->number);
+}
+
 }  // namespace
