@@ -25,7 +25,7 @@ struct Link {
 
 TEST_F(ConfiguredEmulator, EachFaultKindFromTheConfigurationReachesTheClient) {
     struct Case {
-        const char* spec;
+        const char* desc;
         bool callSucceeds;
         bool connectionEnds;
     } cases[] = {
@@ -39,9 +39,9 @@ TEST_F(ConfiguredEmulator, EachFaultKindFromTheConfigurationReachesTheClient) {
     };
     int n = 0;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.spec);
+        SCOPED_TRACE(c.desc);
         const std::string program = "FLT" + std::to_string(n++);
-        configure("program " + program + " ECHO\nfault " + c.spec + " on " + program + " times 1\n");
+        configure("program " + program + " ECHO\nfault " + c.desc + " on " + program + " times 1\n");
         Link link(emu.port());
         ASSERT_TRUE(link.ok);
         const size_t connection = emu.connectionCount() - 1;
@@ -51,7 +51,7 @@ TEST_F(ConfiguredEmulator, EachFaultKindFromTheConfigurationReachesTheClient) {
         if (c.callSucceeds) {
             EXPECT_EQ(a.area.substr(0, 5), "hello");
         }
-        if (std::string(c.spec).rfind("delay", 0) == 0) {
+        if (std::string(c.desc).rfind("delay", 0) == 0) {
             EXPECT_GE(msSince(start), 100);
         }
         if (c.connectionEnds) {

@@ -42,7 +42,7 @@ Options:
       --handshake MODE   accept (default), refuse, silent, drop-on-accept,
                          drop-on-handshake, accept-then-drop
       --refuse-rc RC     code of a refused handshake (default 61445)
-      --fault SPEC       a fault, as the 'fault' directive (repeatable), e.g.
+      --fault FAULT      a fault, as the 'fault' directive (repeatable), e.g.
                          --fault "drop on GETCUST nth 3"
       --seed N           seed of random delays and fault probabilities
       --record FILE      write every flow in and out to FILE
@@ -193,7 +193,7 @@ int main(int argc, char** argv) {
         } else if (arg == "--fault") {
             kvlemu::FaultRule rule;
             std::string error;
-            if (!kvlemu::parseFaultSpec(value("--fault"), rule, error)) {
+            if (!kvlemu::parseFaultText(value("--fault"), rule, error)) {
                 fail("--fault: " + error);
                 return 2;
             }

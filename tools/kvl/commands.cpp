@@ -151,8 +151,8 @@ int callScript(kvl::Connection& conn, const CallArgs& a, const Settings& s) {
 
 int callChannel(kvl::Connection& conn, const CallArgs& a, const Settings& s) {
     kvl::Channel channel(a.channel.empty() ? "KVLCHANNEL" : a.channel);
-    for (const std::string& spec : a.containers) {
-        ContainerSpec c = parseContainer(spec, a.codePage);
+    for (const std::string& desc : a.containers) {
+        ContainerArg c = parseContainer(desc, a.codePage);
         if (c.type == kvl::ContainerType::character)
             channel.set_text(c.name, c.data, c.ccsid);
         else
@@ -198,13 +198,13 @@ kvl::ConnectOptions connectOptions(const Settings& s) {
     return o;
 }
 
-void applyTrace(const std::string& spec) {
-    if (spec.empty()) return;
-    size_t colon = spec.find(':');
-    std::string level = spec.substr(0, colon);
+void applyTrace(const std::string& desc) {
+    if (desc.empty()) return;
+    size_t colon = desc.find(':');
+    std::string level = desc.substr(0, colon);
     if (level.size() != 1 || level[0] < '0' || level[0] > '5')
-        throw UsageError("--trace \"" + spec + "\": LEVEL is 0 to 5, optionally followed by :FILE");
-    if (colon != std::string::npos) kvl::trace::set_file(spec.substr(colon + 1));
+        throw UsageError("--trace \"" + desc + "\": LEVEL is 0 to 5, optionally followed by :FILE");
+    if (colon != std::string::npos) kvl::trace::set_file(desc.substr(colon + 1));
     kvl::trace::set_level(level[0] - '0');
 }
 

@@ -63,7 +63,7 @@ int runPing(const Settings& s);
 int runVersion(const Settings& s);
 
 // Applies --trace LEVEL[:FILE]; throws UsageError when it cannot be read.
-void applyTrace(const std::string& spec);
+void applyTrace(const std::string& desc);
 
 // The connection options of the settings; throws UsageError for TLS files given without --tls.
 kvl::ConnectOptions connectOptions(const Settings& s);

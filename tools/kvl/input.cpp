@@ -72,19 +72,19 @@ std::string encode(const std::string& text, const std::string& codePage) {
     return *bytes;
 }
 
-ContainerSpec parseContainer(const std::string& spec, const std::string& codePage) {
-    size_t sep = spec.find_first_of("=@:");
+ContainerArg parseContainer(const std::string& desc, const std::string& codePage) {
+    size_t sep = desc.find_first_of("=@:");
     if (sep == std::string::npos || sep == 0)
-        throw UsageError("container \"" + spec + "\": expected NAME=text, NAME@file or NAME:hex");
-    ContainerSpec c;
-    std::string head = spec.substr(0, sep), value = spec.substr(sep + 1);
-    char form = spec[sep];
+        throw UsageError("container \"" + desc + "\": expected NAME=text, NAME@file or NAME:hex");
+    ContainerArg c;
+    std::string head = desc.substr(0, sep), value = desc.substr(sep + 1);
+    char form = desc[sep];
     std::vector<std::string> parts;
     std::stringstream split(head);
     for (std::string part; std::getline(split, part, ',');) parts.push_back(part);
     c.name = parts.empty() ? "" : parts[0];
     if (c.name.empty() || c.name.size() > 16 || parts.size() > 3)
-        throw UsageError("container \"" + spec + "\": the name must have 1 to 16 characters");
+        throw UsageError("container \"" + desc + "\": the name must have 1 to 16 characters");
     c.type = form == '=' ? kvl::ContainerType::character : kvl::ContainerType::bit;
     if (parts.size() >= 2) {
         if (parts[1] == "BIT")
@@ -92,17 +92,17 @@ ContainerSpec parseContainer(const std::string& spec, const std::string& codePag
         else if (parts[1] == "CHAR")
             c.type = kvl::ContainerType::character;
         else
-            throw UsageError("container \"" + spec + "\": type must be BIT or CHAR");
+            throw UsageError("container \"" + desc + "\": type must be BIT or CHAR");
     }
     if (parts.size() == 3) {
         if (c.type != kvl::ContainerType::character)
-            throw UsageError("container \"" + spec + "\": only CHAR containers have a CCSID");
+            throw UsageError("container \"" + desc + "\": only CHAR containers have a CCSID");
         try {
             size_t used = 0;
             c.ccsid = std::stoi(parts[2], &used);
             if (used != parts[2].size() || c.ccsid < 0) throw std::invalid_argument("ccsid");
         } catch (const std::exception&) {
-            throw UsageError("container \"" + spec + "\": CCSID \"" + parts[2] + "\" is not a number");
+            throw UsageError("container \"" + desc + "\": CCSID \"" + parts[2] + "\" is not a number");
         }
     }
     constexpr size_t kContainerLimit = 64u << 20;

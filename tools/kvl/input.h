@@ -25,13 +25,13 @@ std::string readStdin(size_t limit);
 std::string encode(const std::string& text, const std::string& codePage);
 
 // NAME[,BIT|,CHAR[,CCSID]] followed by =text, @file or :hex.
-struct ContainerSpec {
+struct ContainerArg {
     std::string name;
     kvl::ContainerType type = kvl::ContainerType::bit;
     int ccsid = 0;
     std::string data;
 };
-ContainerSpec parseContainer(const std::string& spec, const std::string& codePage);
+ContainerArg parseContainer(const std::string& desc, const std::string& codePage);
 
 // One line of a call script: PROGRAM, then optionally the COMMAREA as text, as
 // hex:HEX or as @FILE. Blank lines and lines starting with # are skipped.

@@ -166,7 +166,7 @@ bool parseConfig(const std::string& text, Config& out, std::string& error, const
     std::istringstream lines(text);
     std::string line;
     int number = 0;
-    std::optional<ProgramSpec> block;  // inside "program NAME" ... "end"
+    std::optional<ProgramDef> block;  // inside "program NAME" ... "end"
     auto fail = [&](const std::string& why) {
         error = "line " + std::to_string(number) + ": " + why;
         return false;
@@ -260,8 +260,8 @@ bool parseConfig(const std::string& text, Config& out, std::string& error, const
             }
         } else if (verb == "fault") {
             FaultRule rule;
-            std::string spec = line.substr(w[0].begin + 5);
-            if (!parseFaultSpec(spec, rule, why)) return fail(why);
+            std::string desc = line.substr(w[0].begin + 5);
+            if (!parseFaultText(desc, rule, why)) return fail(why);
             out.faults.push_back(rule);
         } else if (verb == "seed") {
             if (w.size() != 2 || !cfg::parseInt(w[1].text, 0, UINT32_MAX, n)) return fail("expected: seed NUMBER");
@@ -291,7 +291,7 @@ bool parseConfig(const std::string& text, Config& out, std::string& error, const
     return true;
 }
 
-bool parseFaultSpec(const std::string& text, FaultRule& out, std::string& error) {
+bool parseFaultText(const std::string& text, FaultRule& out, std::string& error) {
     std::vector<Word> w;
     if (!cfg::splitWords(text, w, error)) return false;
     if (w.empty()) {
@@ -403,10 +403,10 @@ void applyConfig(const Config& config, Emulator& emu) {
     for (const auto& u : config.users) emu.addUser(u);
     for (const auto& [name, builtin] : config.aliases)
         emu.registerProgram(name, builtinProgram(builtin), ProgramRuns::OnReader);
-    for (const auto& spec : config.programs) {
+    for (const auto& desc : config.programs) {
         ProgramRuns runs;
-        Program p = makeProgram(spec, emu, &runs);
-        emu.registerProgram(spec.name, std::move(p), runs);
+        Program p = makeProgram(desc, emu, &runs);
+        emu.registerProgram(desc.name, std::move(p), runs);
     }
     for (const auto& f : config.faults) emu.addFaultRule(f);
     if (config.seed) emu.setRandomSeed(*config.seed);
@@ -420,10 +420,10 @@ Setup setupFromConfig(const Config& config, Emulator& emu) {
     s.users = config.users;
     for (const auto& [name, builtin] : config.aliases)
         s.programs.push_back({name, builtinProgram(builtin), ProgramRuns::OnReader});
-    for (const auto& spec : config.programs) {
+    for (const auto& desc : config.programs) {
         Setup::ProgramEntry e;
-        e.name = spec.name;
-        e.program = makeProgram(spec, emu, &e.runs);
+        e.name = desc.name;
+        e.program = makeProgram(desc, emu, &e.runs);
         s.programs.push_back(std::move(e));
     }
     s.faults = config.faults;

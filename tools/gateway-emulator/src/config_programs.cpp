@@ -92,13 +92,13 @@ ProgramResult respond(const ProgramResponse& r, const ProgramCall& call, Emulato
 
 }  // namespace
 
-Program makeProgram(const ProgramSpec& spec, Emulator& emu, ProgramRuns* runs) {
-    bool command = spec.defaults.command.has_value() ||
-                   std::any_of(spec.rules.begin(), spec.rules.end(),
+Program makeProgram(const ProgramDef& desc, Emulator& emu, ProgramRuns* runs) {
+    bool command = desc.defaults.command.has_value() ||
+                   std::any_of(desc.rules.begin(), desc.rules.end(),
                                [](const ProgramRule& r) { return r.response.command.has_value(); });
     // Only a command blocks; delays are the emulator's timers.
     if (runs) *runs = command ? ProgramRuns::OnWorker : ProgramRuns::OnReader;
-    auto shared = std::make_shared<const ProgramSpec>(spec);
+    auto shared = std::make_shared<const ProgramDef>(desc);
     Emulator* e = &emu;
     return [shared, e](const ProgramCall& call) {
         const ProgramResponse* r = &shared->defaults;

@@ -40,7 +40,7 @@ struct ProgramRule {
     int line = 0;
 };
 
-struct ProgramSpec {
+struct ProgramDef {
     std::string name;
     ProgramResponse defaults;
     std::vector<ProgramRule> rules;  // the first that matches answers
@@ -54,7 +54,7 @@ struct Config {
     std::vector<ServerInfo> servers;
     std::vector<User> users;
     std::vector<std::pair<std::string, std::string>> aliases;  // program name -> built-in name
-    std::vector<ProgramSpec> programs;
+    std::vector<ProgramDef> programs;
     std::vector<FaultRule> faults;
     std::optional<uint32_t> seed;
     std::optional<HandshakeMode> handshake;
@@ -67,15 +67,15 @@ struct Config {
 bool parseConfig(const std::string& text, Config& out, std::string& error, const std::string& baseDir = "");
 // A fault as the `fault` directive and --fault spell it: KIND [ARG] [on NAME]
 // [nth N] [probability P] [times N].
-bool parseFaultSpec(const std::string& text, FaultRule& out, std::string& error);
+bool parseFaultText(const std::string& text, FaultRule& out, std::string& error);
 // "accept", "refuse", "silent", "drop-on-accept", "drop-on-handshake", "accept-then-drop".
 bool parseHandshakeMode(const std::string& word, HandshakeMode& mode);
 // Adds the configuration to what the emulator has (servers replace the list).
 void applyConfig(const Config& config, Emulator& emu);
 // Everything the configuration decides, replacing what the emulator had (reload).
 Setup setupFromConfig(const Config& config, Emulator& emu);
-// The program a ProgramSpec describes; it runs on the worker pool when it
+// The program a ProgramDef describes; it runs on the worker pool when it
 // has a command or its own delays use no timers (ProgramRuns in *runs).
-Program makeProgram(const ProgramSpec& spec, Emulator& emu, ProgramRuns* runs);
+Program makeProgram(const ProgramDef& desc, Emulator& emu, ProgramRuns* runs);
 
 }  // namespace kvlemu
