@@ -1,5 +1,7 @@
 // The Gateway Token List and the counting of API calls on a token (module clapi_gwytok).
 #include <cstddef>
+#include <new>
+#include <unordered_set>
 
 #include "gateway/clapi_gwytok.h"
 #include "impl/clapi_impl.h"
@@ -10,6 +12,19 @@ namespace {
 // Guarded by clapiGtlLock, as is every token's `next` and apiCallCount.
 kvlGatewayToken* head = nullptr;
 kvlGatewayToken* tail = nullptr;
+// The same tokens as the chain, so that proving a token is on the list costs
+// one hash probe instead of a walk over every open connection on every call.
+// Only pointers are stored and compared; none is followed.
+std::unordered_set<const kvlGatewayToken*>& liveTokens() {
+    static auto* set = new std::unordered_set<const kvlGatewayToken*>();  // never destroyed: used until unload
+    return *set;
+}
+
+// The walk is needed only for what a caller or the debug trace sees of it: the
+// parent, the entry number, the last token.
+bool findNeedsWalk(bool parentWanted) {
+    return parentWanted || clapiTraceAdmits(CLAPI_LEVEL_DEBUG);
+}
 }  // namespace
 
 kvlGatewayToken* gtlHead() { return head; }
@@ -25,9 +40,18 @@ int chainGatewayToken(kvlGatewayToken* newToken) {
         CLAPI_TRACE(EXC, 2051, "clapi_gwytok.chainGatewayToken() Release lock failed\n");
         rc = KVL_ERR_SYSTEM_ERROR;
     } else {
-        if (!head) {
+        bool recorded = true;
+        try {
+            liveTokens().insert(newToken);
+        } catch (const std::bad_alloc&) {
+            recorded = false;
+        }
+        if (!recorded) {
+            rc = KVL_ERR_SYSTEM_ERROR;
+        } else if (!head) {
             head = tail = newToken;
         } else if (!tail) {
+            liveTokens().erase(newToken);
             CLAPI_TRACE(EXC, 2041, "clapi_gwytok.chainGatewayToken() GTL state corrupt - head(%p) tail (%p)\n",
                         static_cast<void*>(head), static_cast<void*>(tail));
             rc = KVL_ERR_SYSTEM_ERROR;
@@ -50,6 +74,8 @@ int findGatewayToken(kvlGatewayToken* targetToken, kvlGatewayToken** parentToken
         rc = FIND_TOKEN_NULL;
     } else if (!head) {
         CLAPI_TRACE(DEBUG, 2047, "clapi_gwytok.findGatewayToken() GTL is EMPTY\n");
+    } else if (!findNeedsWalk(parentTokenPtrPtr != nullptr)) {
+        rc = liveTokens().count(targetToken) != 0 ? FIND_TOKEN_FOUND : FIND_TOKEN_NOT_FOUND;
     } else {
         // Pointers are only compared, never followed, until one matches.
         kvlGatewayToken* parent = nullptr;
@@ -81,6 +107,7 @@ int findGatewayToken(kvlGatewayToken* targetToken, kvlGatewayToken** parentToken
 }
 
 void unchainGatewayToken(kvlGatewayToken* token, kvlGatewayToken* parent) {
+    liveTokens().erase(token);
     if (parent) {
         parent->next = token->next;
         if (!parent->next) tail = parent;

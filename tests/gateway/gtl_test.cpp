@@ -79,6 +79,45 @@ TEST_F(TokenListTest, TokensAreAppendedFoundAndUnchainedFromEitherEnd) {
     EXPECT_EQ(0, closeAndDelete(&again));
 }
 
+// With the debug trace off a token is proven listed by its hash entry; with it
+// on, by the walk that numbers the entries. Both must agree on every token as
+// the list changes at its head, middle and tail.
+TEST_F(TokenListTest, TheQuickCheckAndTheWalkAgreeAsTheListChanges) {
+    std::vector<kvlGatewayToken*> tokens;
+    for (int i = 0; i < 6; ++i) tokens.push_back(chainedToken(1000 + i));
+    std::vector<kvlGatewayToken*> gone;
+    auto agree = [&](const char* when) {
+        for (auto* t : tokens) {
+            EXPECT_EQ(FIND_TOKEN_FOUND, find(t)) << when;
+            EXPECT_EQ(0, clapiRegisterRequest(t)) << when;
+            EXPECT_EQ(0, clapiUnregisterRequest(t)) << when;
+        }
+        for (auto* t : gone) EXPECT_EQ(KVL_ERR_BADGWTOK, clapiRegisterRequest(t)) << when;
+        TraceCapture trace(4);
+        for (size_t i = 0; i < tokens.size(); ++i) {
+            EXPECT_EQ(FIND_TOKEN_FOUND, find(tokens[i])) << when;
+            auto lines = trace.linesWithId(2046);
+            ASSERT_FALSE(lines.empty());
+            // The entry number is the parent's: 0 for the head and for the second token.
+            std::string expected = "Entry(" + std::to_string(i == 0 ? 0 : i - 1) + ")";
+            EXPECT_NE(std::string::npos, lines.back().find(expected)) << when << ": " << lines.back();
+        }
+        for (auto* t : gone) EXPECT_EQ(FIND_TOKEN_NOT_FOUND, find(t)) << when;
+    };
+    agree("all listed");
+    for (size_t index : {2u, 0u, 3u}) {  // a middle token, the head, the tail
+        kvlGatewayToken* t = tokens[index];
+        tokens.erase(tokens.begin() + static_cast<long>(index));
+        gone.push_back(t);
+        ASSERT_EQ(0, closeAndDelete(&t));
+        agree("after a delete");
+    }
+    tokens.push_back(chainedToken(2000));
+    std::erase(gone, tokens.back());  // the allocator may hand a freed address out again
+    agree("after a new token");
+    for (auto* t : tokens) ASSERT_EQ(0, closeAndDelete(&t));
+}
+
 // Only listed tokens count calls; the last unregister releases requestsEnded
 // unless asynchronous requests are still outstanding.
 TEST_F(TokenListTest, RegisteredCallsAreCountedAndTheLastOneEndsTheRequests) {
