@@ -46,7 +46,9 @@ int initBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen, bool
             sb->bufferLen = 0;
         }
         sb->maskedList = nullptr;
-        auto* buffer = static_cast<uint8_t*>(calloc(1, size));
+        // A read buffer is not zeroed: only bytes received are ever handed out,
+        // and an idle connection's buffer then stays out of resident memory.
+        auto* buffer = static_cast<uint8_t*>(forWrite ? calloc(1, size) : malloc(size));
         if (!buffer) {
             if (forWrite)
                 CLAPI_TRACE(EXC, 2501, "clapi_socketbuffer.initWriteBuffer() Failed to allocate %lu bytes for buffer\n",
@@ -151,7 +153,9 @@ int freeBuffer(sockBuffer* sb) {
 int waitForResponse(sockBuffer* sb, int timeout) {
     CLAPI_TRACE(ENTRY, 2522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p)\n", static_cast<void*>(sb));
     int rc = 0;
-    int ready = sockBufferWaitReadable(sb, timeout);
+    // Without a limit on plain TCP the read that follows does the waiting: a
+    // poll first would only add a system call to every flow.
+    int ready = timeout == 0 && sb->stream == nullptr ? 1 : sockBufferWaitReadable(sb, timeout);
     if (ready < 0) {
         sb->lastError = platformSocketError();
         if (sb->lastError == 0) sb->lastError = SOCKBUFFER_ERR_PEER_CLOSED;

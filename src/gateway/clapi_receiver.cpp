@@ -235,17 +235,13 @@ int discardRestOfFlow(sockBuffer* sb) {
     return 0;
 }
 
-// Waits for the next flow (waitSeconds 0: without limit) in slices of a
-// second, so that a stop request is seen even where shutting the socket down
-// does not wake a blocked select.
+// Waits for the next flow (waitSeconds 0: without limit). An unbounded wait is
+// the read of the header itself: no timer and no poll, so an idle connection
+// costs nothing. A stop shuts the socket down, which ends the read at once;
+// the flag covers a stop that came before the wait began.
 int awaitFlow(receiver* r, int waitSeconds) {
-    for (int waited = 0; waitSeconds == 0 || waited + 1 < waitSeconds; ++waited) {
-        if (r->token->stopReceiver.load() != 0) return KVL_ERR_LOSTGWCON;
-        if (sockBufferWaitReadable(&r->sb, 1) != 0) break;  // data, end of stream or error
-    }
     if (r->token->stopReceiver.load() != 0) return KVL_ERR_LOSTGWCON;
-    // Returns at once when data is there; otherwise the last second of a bounded wait.
-    return waitForResponse(&r->sb, waitSeconds == 0 ? 0 : 1);
+    return waitForResponse(&r->sb, waitSeconds);
 }
 
 // One flow: header, body, dispatch. Non-zero ends the connection.

@@ -1,6 +1,9 @@
 // The receiver thread's dispatch and the end of a connection, with requests in flight.
 #include "gateway_test_util.h"
 
+#include <chrono>
+#include <fstream>
+
 using namespace gwtest;
 namespace wire = kvlemu::wire;
 
@@ -112,6 +115,40 @@ TEST_F(ReceiverTest, PurgeClosesWhenItsTimeOutRunsOut) {
     EXPECT_EQ(held->finish(), KVL_ERR_GWTOK_CLOSED);
     EXPECT_TRUE(traced(trace, 2071, "Waiting 1 seconds for 1 API calls and 0 async requests to complete"));
 }
+
+#ifdef __linux__
+// The receiver's voluntary context switches, from the kernel's count for its thread.
+long receiverSwitches(const std::string& tid) {
+    std::ifstream status("/proc/self/task/" + tid + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("voluntary_ctxt_switches:", 0) == 0) return std::stol(line.substr(24));
+    return -1;
+}
+
+// An idle connection costs nothing: its receiver sleeps in the read of the next
+// flow and is woken only by the Gateway or by the close.
+TEST_F(ReceiverTest, AnIdleReceiverIsNeverWoken) {
+    gwTok idle = nullptr;
+    std::string tid;
+    {
+        TraceCapture trace(3);
+        ASSERT_EQ(0, KVL_openRemoteGatewayConnection("127.0.0.1", emulator_.port(), &idle, 5));
+        auto entry = trace.linesWithId(3031);
+        ASSERT_EQ(1u, entry.size());
+        size_t comma = entry[0].find(",0x");
+        ASSERT_NE(std::string::npos, comma);
+        tid = std::to_string(std::stoul(entry[0].substr(comma + 3, 8), nullptr, 16));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    long before = receiverSwitches(tid);
+    ASSERT_GE(before, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    EXPECT_EQ(before, receiverSwitches(tid)) << "the idle receiver woke up";
+    EXPECT_EQ(0, KVL_purgeGatewayConnection(&idle, 0));
+    EXPECT_EQ(nullptr, idle);
+}
+#endif
 
 // --- A Gateway scripted byte by byte ------------------------------------------
 

@@ -1,8 +1,11 @@
 // The platform layer: socket waits, the Linux code-set table.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <string>
+#include <thread>
 
 #include "platform/platform.h"
 
@@ -44,6 +47,32 @@ TEST(PlatformSockets, WaitReadableTimesOutThenSeesDataAndHangUp) {
     ASSERT_EQ(platformShutdownSocket(p.client), 0);
     EXPECT_GT(platformWaitReadable(p.server, 5), 0) << "a hang-up counts as readable";
     EXPECT_EQ(platformRecv(p.server, &c, 1), 0);
+}
+
+// A connection's reader blocks without a time limit; closing the connection
+// wakes it by shutting the socket down, on every platform.
+TEST(PlatformSockets, ShuttingASocketDownEndsABlockedReadAndABlockedWait) {
+    for (bool viaWait : {false, true}) {
+        Pair p;
+        ASSERT_NE(p.server, PLATFORM_INVALID_SOCKET);
+        std::promise<long long> ended;
+        auto result = ended.get_future();
+        std::thread reader([&] {
+            char c = 0;
+            if (viaWait && platformWaitReadable(p.server, 0) < 0) {
+                ended.set_value(-2);
+                return;
+            }
+            ended.set_value(platformRecv(p.server, &c, 1));
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it block
+        ASSERT_EQ(platformShutdownSocket(p.server), 0);
+        bool woke = result.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+        if (!woke) platformShutdownSocket(p.client);  // the peer's end frees the reader, so the test ends
+        reader.join();
+        EXPECT_TRUE(woke) << (viaWait ? "a blocked wait" : "a blocked read") << " was not ended by the shutdown";
+        if (woke) EXPECT_LE(result.get(), 0) << "no data was sent";
+    }
 }
 
 TEST(PlatformSockets, WaitOnASocketThatIsNotOpenIsAnError) {
