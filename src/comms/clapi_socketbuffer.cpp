@@ -153,9 +153,10 @@ int freeBuffer(sockBuffer* sb) {
 int waitForResponse(sockBuffer* sb, int timeout) {
     CLAPI_TRACE(ENTRY, 2522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p)\n", static_cast<void*>(sb));
     int rc = 0;
-    // Without a limit on plain TCP the read that follows does the waiting: a
-    // poll first would only add a system call to every flow.
-    int ready = timeout == 0 && sb->stream == nullptr ? 1 : sockBufferWaitReadable(sb, timeout);
+    // Without a limit the read that follows does the waiting (a TLS stream's
+    // read blocks as a socket's does): a poll first would only add a system call
+    // to every flow, and a read is what a stop's shutdown is sure to end.
+    int ready = timeout == 0 ? 1 : sockBufferWaitReadable(sb, timeout);
     if (ready < 0) {
         sb->lastError = platformSocketError();
         if (sb->lastError == 0) sb->lastError = SOCKBUFFER_ERR_PEER_CLOSED;

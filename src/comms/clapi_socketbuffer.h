@@ -42,7 +42,7 @@ int freeBuffer(sockBuffer* sb);
 int flushBuffer(sockBuffer* sb);
 int fillBuffer(sockBuffer* sb);
 // Waits until the socket has data (timeout in seconds, 0 = no limit). With no
-// limit on plain TCP it returns at once and the next read does the waiting.
+// limit it returns at once and the next read does the waiting.
 int waitForResponse(sockBuffer* sb, int timeout);
 // As platformWaitReadable on the buffer's socket; with a stream over it, readable
 // means that the stream has bytes (or the end) to hand out.

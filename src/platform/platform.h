@@ -101,7 +101,10 @@ int platformWaitReadableMs(platformSocket s, int timeoutMs);
 long long platformSend(platformSocket s, const void* data, size_t len);
 long long platformRecv(platformSocket s, void* data, size_t len);
 int platformCloseSocket(platformSocket s);
-// Stops both directions without releasing the descriptor (wakes a blocked reader).
+// Stops both directions without releasing the descriptor. Ends a recv, send or
+// wait blocked on the socket in another thread, and makes a later recv or send
+// fail at once. A wait begun after it may still block on Windows: a reader that
+// must be stoppable without a time limit waits in platformRecv.
 int platformShutdownSocket(platformSocket s);
 
 // Listening helpers for servers and tests: bind host:port (port 0 = any free

@@ -252,7 +252,12 @@ int platformCloseSocket(platformSocket s) {
 
 int platformShutdownSocket(platformSocket s) {
     if (s == PLATFORM_INVALID_SOCKET) return -1;
-    return shutdown(sock(s), SD_BOTH) == 0 ? 0 : failWith(WSAGetLastError());
+    int rc = shutdown(sock(s), SD_BOTH) == 0 ? 0 : failWith(WSAGetLastError());
+    // A shutdown does not end a select, recv or send already blocked on the
+    // socket in another thread; cancelling the socket's pending I/O does. Calls
+    // made after this one fail at once on the shut-down socket.
+    CancelIoEx(reinterpret_cast<HANDLE>(sock(s)), nullptr);
+    return rc;
 }
 
 int platformListen(const char* host, uint16_t port, platformSocket* out, uint16_t* boundPort) {
