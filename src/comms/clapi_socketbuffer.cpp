@@ -22,6 +22,16 @@ void wipeAndFree(void* p, uint64_t len) {
     free(p);
 }
 
+void wipeAndFreeBuffer(sockBuffer* sb) {
+    if (!sb->bufferStart) return;
+    wipeFunction(sb->bufferStart, 0, static_cast<size_t>(sb->bufferSize));
+    if (sb->pageBacked) {
+        platformFreePages(sb->bufferStart, static_cast<size_t>(sb->bufferSize));
+    } else {
+        free(sb->bufferStart);
+    }
+}
+
 // Steps shared by both directions: reuse or allocate, then reset the record.
 // A buffer may hold secrets of the previous flow, so it is wiped before it goes.
 int initBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen, bool forWrite) {
@@ -39,16 +49,17 @@ int initBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen, bool
     } else {
         if (sb->bufferStart) {
             clapiFreeMaskedList(sb->maskedList);
-            wipeAndFree(sb->bufferStart, sb->bufferSize);
+            wipeAndFreeBuffer(sb);
             sb->bufferStart = nullptr;
             sb->bufferSize = 0;
             sb->bufferPos = nullptr;
             sb->bufferLen = 0;
         }
         sb->maskedList = nullptr;
-        // A read buffer is not zeroed: only bytes received are ever handed out,
-        // and an idle connection's buffer then stays out of resident memory.
-        auto* buffer = static_cast<uint8_t*>(forWrite ? calloc(1, size) : malloc(size));
+        // A read buffer is not zeroed (only bytes received are ever handed out)
+        // and has pages of its own: an idle connection's stays out of resident
+        // memory but for the page its last flow was read into.
+        auto* buffer = static_cast<uint8_t*>(forWrite ? calloc(1, size) : platformAllocPages(size));
         if (!buffer) {
             if (forWrite)
                 CLAPI_TRACE(EXC, 2501, "clapi_socketbuffer.initWriteBuffer() Failed to allocate %lu bytes for buffer\n",
@@ -66,6 +77,7 @@ int initBuffer(sockBuffer* sb, platformSocket socketDesc, uint64_t dataLen, bool
                         clapiLu(size));
         sb->bufferStart = buffer;
         sb->bufferSize = size;
+        sb->pageBacked = !forWrite;
     }
 
     sb->lastError = 0;
@@ -87,9 +99,10 @@ void clapiFreeMaskedList(maskedRegion* region) {
     wipeAndFree(region, sizeof(maskedRegion) + region->regionLen);
 }
 
-const char* clapiSocketErrorText(int code, char* buffer, size_t size) {
-    platformSocketErrorText(code, buffer, size);
-    return buffer;
+void clapiTraceSocketError(int id, const char* message, int error) {
+    char text[1024];
+    platformSocketErrorText(error, text, sizeof text);
+    clapiTraceWrite(CLAPI_TYPE_EXC, id, "%s: %s (%d)\n", message, text, error);
 }
 
 long long clapiSendAll(const sockBuffer* sb, const uint8_t* data, uint64_t len, int* error) {
@@ -140,7 +153,7 @@ int freeBuffer(sockBuffer* sb) {
     int rc = 0;
     if (sb->bufferStart) {
         clapiFreeMaskedList(sb->maskedList);
-        wipeAndFree(sb->bufferStart, sb->bufferSize);
+        wipeAndFreeBuffer(sb);
     } else {
         CLAPI_TRACE(EXC, 2517, "clapi_socketbuffer.freeBuffer() Buffer not initialized: %p\n", static_cast<void*>(sb));
         rc = KVL_ERR_SYSTEM_ERROR;
@@ -160,9 +173,7 @@ int waitForResponse(sockBuffer* sb, int timeout) {
     if (ready < 0) {
         sb->lastError = platformSocketError();
         if (sb->lastError == 0) sb->lastError = SOCKBUFFER_ERR_PEER_CLOSED;
-        char text[1024];
-        CLAPI_TRACE(EXC, 2523, "clapi_socketbuffer.waitForResponse() select failed: %s (%d)\n",
-                    clapiSocketErrorText(sb->lastError, text, sizeof text), (int)sb->lastError);
+        CLAPI_TRACE_SOCKET_ERROR(2523, "clapi_socketbuffer.waitForResponse() select failed", sb->lastError);
         rc = KVL_ERR_LOSTGWCON;
     } else if (ready == 0) {
         CLAPI_TRACE(EXC, 2504, "clapi_socketbuffer.waitForResponse() Timed out waiting for handshake response\n");
@@ -170,6 +181,11 @@ int waitForResponse(sockBuffer* sb, int timeout) {
     }
     CLAPI_TRACE(EXIT, 2524, "clapi_socketbuffer.waitForResponse() rc=%d\n", rc);
     return rc;
+}
+
+void sockBufferReleaseIdle(sockBuffer* sb) {
+    if (sb->pageBacked && sb->bufferStart && sb->bufferLen == 0)
+        platformReleasePages(sb->bufferStart, static_cast<size_t>(sb->bufferSize));
 }
 
 int sockBufferErrorRc(const sockBuffer* sb) {

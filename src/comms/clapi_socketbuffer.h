@@ -33,6 +33,7 @@ struct sockBuffer {
     uint64_t dataRemaining;  // bytes of the flow not yet sent / not yet taken from the socket
     maskedRegion* maskedList;
     clapiStream* stream;  // the TLS session on socketDesc, or nullptr for plain TCP
+    bool pageBacked;      // bufferStart came from platformAllocPages (read buffers)
 };
 
 // A record initialised the first time must be all zero.
@@ -66,6 +67,10 @@ void skipBytes(sockBuffer* sb, uint64_t dataLen);
 // so that the next flow is read from its first byte. Needs dataRemaining to count
 // exactly the flow's bytes still on the socket. Does nothing once the socket failed.
 void skipFlowRemainder(sockBuffer* sb);
+
+// Gives a page-backed read buffer's memory back to the OS while it holds no
+// bytes: for a connection about to sit idle. The next flow is read as usual.
+void sockBufferReleaseIdle(sockBuffer* sb);
 
 // The code a dead buffer stands for: 0 healthy, -102 socket failure or peer closed,
 // -9 a read past the end of the flow, -111 no memory for a masked region.

@@ -5,12 +5,19 @@
 #include <cstdint>
 
 #include "comms/clapi_socketbuffer.h"
+#include "impl/clapi_trace.h"
 
 // Frees a masked-region list, rest of the list first, wiping each save area.
 void clapiFreeMaskedList(maskedRegion* region);
 
-// Text of a socket error for a trace line; returns buffer.
-const char* clapiSocketErrorText(int code, char* buffer, size_t size);
+// Writes the *EXC* line "<message>: <the error's text> (<error>)". Out of line,
+// with the text's buffer in its own frame, so that the read and write paths'
+// frames stay small: an idle receiver keeps only the stack pages it touched.
+[[gnu::noinline, gnu::cold]] void clapiTraceSocketError(int id, const char* message, int error);
+#define CLAPI_TRACE_SOCKET_ERROR(ID, MESSAGE, ERROR)                      \
+    do {                                                                  \
+        if (clapiTraceAdmits(CLAPI_LEVEL_EXC)) clapiTraceSocketError((ID), (MESSAGE), (ERROR)); \
+    } while (0)
 
 // Sends len bytes on the buffer's socket (through its stream when it has one),
 // repeating after a partial send. Returns the bytes sent, or -1 with the error in

@@ -73,9 +73,7 @@ int fillBuffer(sockBuffer* sb) {
         // no later read hands out stale bytes.
         int error = recvError;
         sb->lastError = error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED;
-        char text[1024];
-        CLAPI_TRACE(EXC, 2543, "clapi_socketbuffer.fillBuffer() recv returned an error code: %s (%d)\n",
-                    clapiSocketErrorText(error, text, sizeof text), error);
+        CLAPI_TRACE_SOCKET_ERROR(2543, "clapi_socketbuffer.fillBuffer() recv returned an error code", error);
         rc = KVL_ERR_LOSTGWCON;
     }
     if (count > 0) {
@@ -155,9 +153,7 @@ void readBytes(sockBuffer* sb, void* data, uint64_t dataLen) {
                 long long r = clapiRecvSome(sb, out + got, dataLen - got, &error);
                 if (r < 1) {
                     sb->lastError = error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED;
-                    char text[1024];
-                    CLAPI_TRACE(EXC, 2531, "clapi_socketbuffer.readBytes() recv returned an error code: %s (%d)\n",
-                                clapiSocketErrorText(error, text, sizeof text), error);
+                    CLAPI_TRACE_SOCKET_ERROR(2531, "clapi_socketbuffer.readBytes() recv returned an error code", error);
                     break;
                 }
                 got += static_cast<uint64_t>(r);

@@ -36,9 +36,7 @@ int flushBuffer(sockBuffer* sb) {
         long long sent = clapiSendAll(sb, sb->bufferStart, sb->bufferLen, &error);
         if (sent < 0) {
             clapiSockBufferFail(sb, error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED);
-            char text[1024];
-            CLAPI_TRACE(EXC, 2528, "clapi_socketbuffer.flushBuffer() Unable to send data to Gateway: %s (%d)\n",
-                        clapiSocketErrorText(error, text, sizeof text), error);
+            CLAPI_TRACE_SOCKET_ERROR(2528, "clapi_socketbuffer.flushBuffer() Unable to send data to Gateway", error);
             rc = KVL_ERR_LOSTGWCON;
         } else {
             sb->dataRemaining = sb->dataRemaining > sb->bufferLen ? sb->dataRemaining - sb->bufferLen : 0;
@@ -109,9 +107,7 @@ void writeBytes(sockBuffer* sb, const void* data, uint64_t dataLen) {
             long long sent = clapiSendAll(sb, bytes, dataLen, &error);
             if (sent < 0) {
                 clapiSockBufferFail(sb, error != 0 ? error : SOCKBUFFER_ERR_PEER_CLOSED);
-                char text[1024];
-                CLAPI_TRACE(EXC, 2565, "clapi_socketbuffer.writeBytes() Unable to send data to Gateway: %s (%d)\n",
-                            clapiSocketErrorText(error, text, sizeof text), error);
+                CLAPI_TRACE_SOCKET_ERROR(2565, "clapi_socketbuffer.writeBytes() Unable to send data to Gateway", error);
             } else {
                 sb->dataRemaining = sb->dataRemaining > dataLen ? sb->dataRemaining - dataLen : 0;
                 CLAPI_TRACE(DEBUG, 2564, "clapi_socketbuffer.writeBytes() Sent %u bytes, %lu bytes remaining\n",

@@ -1,6 +1,8 @@
 // The receiver thread: the only reader of a connection's socket (module clapi_gwycon).
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "comms/clapi_socketcomms.h"
 #include "ext/clapi_ext_hooks.h"
@@ -221,12 +223,23 @@ int onException(receiver* r) {
 }
 
 // Reads and drops what the handlers left of the flow, so that the next header
-// starts where the Gateway put it.
+// starts where the Gateway put it, in pieces of kDiscardPiece bytes. Most
+// remainders are a few bytes (the handshake answer's body) and go through a
+// small buffer on the stack, so that an idle receiver's stack stays small; a
+// larger one through a heap buffer.
 int discardRestOfFlow(sockBuffer* sb) {
-    unsigned char scratch[4096];
+    constexpr uint64_t kDiscardPiece = 4096;
+    unsigned char small[256];
+    std::unique_ptr<unsigned char[]> large;
     uint64_t remaining = sockBufferFlowRemaining(sb);
+    unsigned char* scratch = small;
+    if (remaining > sizeof small) {
+        large.reset(new (std::nothrow) unsigned char[kDiscardPiece]);
+        if (!large) return KVL_ERR_MALLOCFAIL;
+        scratch = large.get();
+    }
     while (remaining > 0) {
-        uint64_t n = remaining < sizeof scratch ? remaining : sizeof scratch;
+        uint64_t n = remaining < kDiscardPiece ? remaining : kDiscardPiece;
         readBytes(sb, scratch, n);
         uint64_t after = sockBufferFlowRemaining(sb);
         if (sb->lastError != 0 || after >= remaining) return KVL_ERR_LOSTGWCON;
@@ -298,6 +311,9 @@ int receiveFlow(receiver* r, int waitSeconds) {
         break;  // other flow types are skipped
     }
     if (rc == 0) rc = discardRestOfFlow(&r->sb);
+    // A connection often waits long after its handshake before its first request
+    // (a pool opened ahead): its read buffer's memory goes back until then.
+    if (rc == 0 && h->flowType == FLOW_HANDSHAKE) sockBufferReleaseIdle(&r->sb);
     return rc;
 }
 

@@ -46,6 +46,18 @@ uint32_t platformThreadId();
 void platformSleepMilliseconds(uint32_t ms);
 
 // ---------------------------------------------------------------------------
+// Memory for a long-lived buffer of which little may ever be written: pages of
+// its own straight from the OS (zero, and resident only once written; no
+// allocator bookkeeping beside them). nullptr when memory is short. Meant for
+// few, large allocations: each is a system call. Freed only with
+// platformFreePages and the same size.
+void* platformAllocPages(size_t size);
+void platformFreePages(void* p, size_t size);
+// Gives the pages of such a buffer back to the OS while keeping the range: its
+// contents are lost, and a page becomes resident again when next written.
+void platformReleasePages(void* p, size_t size);
+
+// ---------------------------------------------------------------------------
 // Time for trace lines: local broken-down time plus milliseconds.
 struct platformLocalTime {
     int year, month, day, hour, minute, second, millisecond;  // year 4 digits, month 1-12

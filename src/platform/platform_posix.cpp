@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -186,6 +187,20 @@ int platformThreadStart(platformThread* t, void (*fn)(void*), void* arg, size_t 
 void platformThreadJoin(platformThread* t) {
     if (t->handle) pthread_join(reinterpret_cast<pthread_t>(t->handle), nullptr);
     t->handle = nullptr;
+}
+
+void* platformAllocPages(size_t size) {
+    if (size == 0) return nullptr;
+    void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return p == MAP_FAILED ? nullptr : p;
+}
+
+void platformFreePages(void* p, size_t size) {
+    if (p) munmap(p, size);
+}
+
+void platformReleasePages(void* p, size_t size) {
+    if (p) madvise(p, size, MADV_DONTNEED);
 }
 
 uint32_t platformProcessId() { return static_cast<uint32_t>(getpid()); }

@@ -66,6 +66,19 @@ unsigned __stdcall threadTrampoline(void* p) {
 }
 }  // namespace
 
+void* platformAllocPages(size_t size) {
+    if (size == 0) return nullptr;
+    return VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+}
+
+void platformFreePages(void* p, size_t) {
+    if (p) VirtualFree(p, 0, MEM_RELEASE);
+}
+
+void platformReleasePages(void* p, size_t size) {
+    if (p) VirtualAlloc(p, size, MEM_RESET, PAGE_READWRITE);
+}
+
 int platformThreadStart(platformThread* t, void (*fn)(void*), void* arg, size_t stackSize) {
     auto* start = new (std::nothrow) ThreadStart{fn, arg};
     if (!start) {

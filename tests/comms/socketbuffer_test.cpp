@@ -258,3 +258,29 @@ TEST_F(SocketBuffer, WaitTimesOutReturnsOnLateDataAndFailsOnAnInvalidSocket) {
     EXPECT_EQ(fillBuffer(&bad.sb), KVL_ERR_LOSTGWCON);
     EXPECT_EQ(trace.linesWithId(2523).size(), 1u);
 }
+
+// A read buffer's pages may go back to the OS between flows; only a buffer
+// that holds no unread bytes gives them back, and the next flow reads as usual.
+TEST_F(SocketBuffer, AnIdleReadBufferGivesItsMemoryBackAndReadsTheNextFlow) {
+    ASSERT_EQ(reading(33000), 0);
+    EXPECT_TRUE(b.sb.pageBacked);
+    Bytes first = pattern(6000, 1);
+    net.sendInBackground(first, 0);
+    ASSERT_EQ(reading(first.size()), 0);  // the flow's length, in the buffer allocated above
+    Bytes got(first.size());
+    readBytes(&b.sb, got.data(), 4);
+    sockBufferReleaseIdle(&b.sb);  // bytes are still buffered: nothing is dropped
+    readBytes(&b.sb, got.data() + 4, got.size() - 4);
+    EXPECT_EQ(got, first);
+    ASSERT_EQ(b.sb.bufferLen, 0u);
+    sockBufferReleaseIdle(&b.sb);
+
+    Bytes second = pattern(33000, 7);
+    net.sendInBackground(second, 0);
+    ASSERT_EQ(reading(second.size()), 0);
+    ASSERT_EQ(fillBuffer(&b.sb), 0);
+    Bytes again(second.size());
+    readBytes(&b.sb, again.data(), again.size());
+    EXPECT_EQ(b.sb.lastError, 0);
+    EXPECT_EQ(again, second);
+}
