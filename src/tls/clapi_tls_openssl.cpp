@@ -4,6 +4,8 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <cstring>
@@ -215,6 +217,18 @@ public:
         }
     }
 
+    bool closeNotify(tlsBytes& out, tlsFailure& why) override {
+        if (SSL_is_init_finished(ssl_) != 1) return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the handshake never finished");
+        ERR_clear_error();
+        // Once: 0 means ours is written and the peer's is not awaited.
+        if (SSL_shutdown(ssl_) < 0) {
+            char reason[256];
+            return tlsFail(why, KVL_EXT_ERR_TLS_IO, "no close_notify: %s", opensslReason(reason, sizeof reason, "unknown"));
+        }
+        if (!drain(out_, out)) return tlsFail(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
+        return !out.empty() || tlsFail(why, KVL_EXT_ERR_TLS_IO, "the TLS library wrote no close_notify");
+    }
+
     bool awaitsClientAuthVerdict() override { return askedForCertificate_ && SSL_version(ssl_) == TLS1_3_VERSION; }
 
     void describe(char* text, size_t size) override {
@@ -245,6 +259,14 @@ private:
 };
 
 }  // namespace
+
+bool tlsSendIfRoom(platformSocket s, const tlsBytes& bytes) {
+    int fd = static_cast<int>(s);
+    pollfd p{fd, POLLOUT, 0};
+    if (poll(&p, 1, 0) != 1 || (p.revents & POLLOUT) == 0) return false;
+    ssize_t n = send(fd, bytes.begin(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return n == static_cast<ssize_t>(bytes.size());
+}
 
 std::unique_ptr<tlsEngine> clapiTlsCreateEngine(const tlsSettings& settings, tlsFailure& why) {
     std::unique_ptr<opensslEngine> engine(new (std::nothrow) opensslEngine);

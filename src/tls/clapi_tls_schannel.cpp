@@ -3,6 +3,7 @@
 // checks the Gateway's certificate itself, so that a CA file can be trusted
 // without touching the system's stores.
 #define SECURITY_WIN32
+#include <winsock2.h>
 #include <windows.h>
 #include <schannel.h>
 #include <security.h>
@@ -262,6 +263,28 @@ public:
         return tlsStatus::done;
     }
 
+    bool closeNotify(tlsBytes& out, tlsFailure& why) override {
+        if (sizes_.cbMaximumMessage == 0) return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the handshake never finished");
+        DWORD type = SCHANNEL_SHUTDOWN;
+        SecBuffer control = {sizeof type, SECBUFFER_TOKEN, &type};
+        SecBufferDesc controlDesc = {SECBUFFER_VERSION, 1, &control};
+        SECURITY_STATUS st = ApplyControlToken(&context_, &controlDesc);
+        if (st != SEC_E_OK)
+            return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the Windows TLS cannot end the session (0x%08lX)", (unsigned long)st);
+        // The context, told to shut down, writes the alert as its next token.
+        SecBuffer token = {0, SECBUFFER_TOKEN, nullptr};
+        SecBufferDesc tokenDesc = {SECBUFFER_VERSION, 1, &token};
+        unsigned long attributes = 0;
+        st = InitializeSecurityContextA(&credentials_, &context_, nullptr, kContextFlags, 0, 0, nullptr, 0, nullptr,
+                                        &tokenDesc, &attributes, nullptr);
+        bool ok = token.pvBuffer != nullptr && token.cbBuffer > 0 &&
+                  out.append(static_cast<uint8_t*>(token.pvBuffer), token.cbBuffer);
+        if (token.pvBuffer != nullptr) FreeContextBuffer(token.pvBuffer);
+        if (!ok)
+            return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the Windows TLS wrote no close_notify (0x%08lX)", (unsigned long)st);
+        return true;
+    }
+
     void describe(char* text, size_t size) override {
         SecPkgContext_ConnectionInfo info;
         memset(&info, 0, sizeof info);
@@ -360,6 +383,18 @@ private:
 };
 
 }  // namespace
+
+bool tlsSendIfRoom(platformSocket s, const tlsBytes& bytes) {
+    SOCKET sock = static_cast<SOCKET>(s);
+    fd_set writable;
+    FD_ZERO(&writable);
+    FD_SET(sock, &writable);
+    timeval now = {0, 0};
+    if (select(0, nullptr, &writable, nullptr, &now) != 1) return false;
+    // Writable: a few bytes go into the send buffer without waiting.
+    int n = send(sock, reinterpret_cast<const char*>(bytes.begin()), static_cast<int>(bytes.size()), 0);
+    return n == static_cast<int>(bytes.size());
+}
 
 std::unique_ptr<tlsEngine> clapiTlsCreateEngine(const tlsSettings& settings, tlsFailure& why) {
     std::unique_ptr<schannelEngine> engine(new (std::nothrow) schannelEngine);

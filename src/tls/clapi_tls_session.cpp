@@ -7,6 +7,7 @@
 // records in order on the socket. Order: readLock, engineLock, wireLock. No
 // lock but wireLock is held while blocked on the socket, so a sender stuck in
 // send() never stops the receiver from decrypting.
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <thread>
 
 #include "comms/clapi_stream.h"
 #include "gateway/clapi_gwytok.h"
@@ -24,6 +26,9 @@
 namespace {
 
 constexpr size_t kRecvChunk = 17 * 1024;  // one full TLS record and its overhead
+// How long end() tries for its locks: a reader or sender holds them only
+// briefly, unless it is stuck in a full socket, which the shutdown frees.
+constexpr auto kEndLockPatience = std::chrono::milliseconds(20);
 
 // Sends every byte; false with *error on failure.
 bool sendRaw(platformSocket s, const tlsBytes& bytes, int* error) {
@@ -62,6 +67,10 @@ public:
         std::unique_lock<std::mutex> engine(engineLock_);
         *error = 0;
         if (failed_) return -1;
+        if (ending_.load()) {
+            CLAPI_TRACE(EXC, 9220, "clapi_tls.send() The TLS session has ended\n");
+            return -1;
+        }
         tlsBytes out;
         tlsFailure why;
         if (!engine_->encrypt(data, len, out, why)) {
@@ -69,9 +78,11 @@ public:
             CLAPI_TRACE(EXC, 9220, "clapi_tls.send() %s\n", why.text);
             return -1;
         }
-        std::lock_guard<std::mutex> wire(wireLock_);
+        std::unique_lock<std::mutex> wire(wireLock_);
         engine.unlock();
-        if (!sendRaw(socket_, out, error)) return -1;
+        bool sent = sendRaw(socket_, out, error);
+        wire.unlock();
+        if (!sent) return -1;
         CLAPI_TRACE(DEBUG, 9221, "clapi_tls.send() %lu bytes sent as %lu bytes of records\n", (unsigned long)len,
                     (unsigned long)out.size());
         return static_cast<long long>(len);
@@ -116,7 +127,45 @@ public:
         }
     }
 
+    void end() override {
+        if (ending_.exchange(true)) return;
+        auto giveUp = std::chrono::steady_clock::now() + kEndLockPatience;
+        std::unique_lock<std::mutex> engine(engineLock_, std::defer_lock);
+        if (!lockBefore(engine, giveUp)) {
+            CLAPI_TRACE(DEBUG, 9227, "clapi_tls.end() No close_notify: the session is busy\n");
+            return;
+        }
+        tlsBytes out;
+        tlsFailure why;
+        if (failed_ || ended_ || !engine_->closeNotify(out, why)) {
+            CLAPI_TRACE(DEBUG, 9227, "clapi_tls.end() No close_notify: %s\n",
+                        failed_ || ended_ ? "the session is already over" : why.text);
+            return;
+        }
+        // A sender inside a record holds the wire: an alert now would cut it.
+        // One that is finishing lets go at once; one stuck in a full socket
+        // is freed by the shutdown that follows, without a close_notify.
+        std::unique_lock<std::mutex> wire(wireLock_, std::defer_lock);
+        lockBefore(wire, giveUp);
+        engine.unlock();
+        bool sent = wire.owns_lock() && tlsSendIfRoom(socket_, out);
+        if (sent) {
+            CLAPI_TRACE(EVENT, 9226, "clapi_tls.end() close_notify sent\n");
+        } else {
+            CLAPI_TRACE(DEBUG, 9227, "clapi_tls.end() No close_notify: %s\n",
+                        wire.owns_lock() ? "the socket does not take it at once" : "a record is being sent");
+        }
+    }
+
 private:
+    static bool lockBefore(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point giveUp) {
+        while (!lock.try_lock()) {
+            if (std::chrono::steady_clock::now() >= giveUp) return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+
     bool ready() {
         std::lock_guard<std::mutex> engine(engineLock_);
         return !plain_.empty() || ended_ || failed_;
@@ -174,6 +223,7 @@ private:
     bool failed_ = false;  // (engineLock)
     int socketError_ = 0;  // the socket's error once failed_ came from it (engineLock)
     bool ended_ = false;   // (engineLock)
+    std::atomic<bool> ending_{false};  // end() ran: no record may follow the close_notify
     uint8_t scratch_[kRecvChunk];  // (readLock)
 };
 

@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
 # KVLCLIENT's Schannel TLS under Wine against the Linux emulator over TLS:
-# a call with the CA file, then an unknown CA and a wrong name (both -923).
-# Usage: wine_tls.sh EMULATOR TLS_PROBE_EXE. Exit 0 when every case holds.
+# a call with the CA file, then an unknown CA and a wrong name (both -923);
+# with tls_relay next to the emulator, also that the DLL's close sends a
+# close_notify. Usage: wine_tls.sh EMULATOR TLS_PROBE_EXE. Exit 0 when every case holds.
 set -u
 emulator=$(realpath "$1") probe=$(realpath "$2")
 dir=$(mktemp -d)
-emu_pid=
-cleanup() { [[ -n "$emu_pid" ]] && kill "$emu_pid" 2>/dev/null; wait 2>/dev/null; rm -rf "$dir"; }
+emu_pid= plain_pid=
+cleanup() {
+  [[ -n "$emu_pid" ]] && kill "$emu_pid" 2>/dev/null
+  [[ -n "$plain_pid" ]] && kill "$plain_pid" 2>/dev/null
+  wait 2>/dev/null; rm -rf "$dir"
+}
 trap cleanup EXIT
 cd "$dir" || exit 1
 ca() { openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "$1.key" -out "$1.pem" -days 2 \
@@ -19,6 +24,7 @@ openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out s
 emu_pid=$!
 for _ in $(seq 300); do [[ -s port.txt ]] && break; sleep 0.1; done
 port=$(cat port.txt 2>/dev/null) || { echo "emulator did not start:"; cat emu.log; exit 1; }
+await_port() { for _ in $(seq 300); do [[ -s $1 ]] && break; sleep 0.1; done; cat "$1" 2>/dev/null; }
 winpath() { echo "Z:${1//\//\\}"; }
 status=0
 check() {  # expected-fragment args...
@@ -29,4 +35,18 @@ check() {  # expected-fragment args...
 check "call rc=0 echo matches" localhost "$port" "$(winpath "$dir/ca.pem")"
 check "open rc=-923 .*unknown CA" localhost "$port" "$(winpath "$dir/rogue.pem")"
 check "open rc=-923 .*name mismatch" localhost "$port" "$(winpath "$dir/ca.pem")" other.example
+relay=$(dirname "$emulator")/tls_relay
+if [[ -x "$relay" ]]; then
+  # The probe's close, seen by OpenSSL in front of a plain emulator.
+  "$emulator" --port-file plain-port.txt -v 0 >plain.log 2>&1 &
+  plain_pid=$!
+  plain_port=$(await_port plain-port.txt) || { echo "plain emulator did not start"; exit 1; }
+  timeout 90 "$relay" server.pem server.key "$plain_port" relay-port.txt >relay.log 2>&1 &
+  relay_pid=$!
+  relay_port=$(await_port relay-port.txt) || { echo "relay did not start"; exit 1; }
+  check "call rc=0 echo matches" localhost "$relay_port" "$(winpath "$dir/ca.pem")"
+  wait "$relay_pid"
+  if grep -q "client ended: close_notify" relay.log; then echo "ok: close_notify at close"
+  else echo "FAILED: wanted a close_notify at close, got: $(cat relay.log)"; status=1; fi
+fi
 exit $status
