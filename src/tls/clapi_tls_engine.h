@@ -10,13 +10,21 @@
 #include "platform/platform.h"
 
 // A growable byte queue that never throws: append at the back, consume at the front.
+// A queue of plaintext is wiped when it is cleared, grown or freed; a queue of
+// records (tlsBytes::records) is not, since records are what the wire shows.
 struct tlsBytes {
+    struct recordsTag {};
+    static constexpr recordsTag records{};
+
     uint8_t* data = nullptr;
     size_t head = 0;  // first unconsumed byte
     size_t tail = 0;  // one past the last byte
     size_t cap = 0;
+    size_t written = 0;  // bytes ever written since the last wipe: what a wipe covers
+    bool secret = true;
 
     tlsBytes() = default;
+    explicit tlsBytes(recordsTag) : secret(false) {}
     tlsBytes(const tlsBytes&) = delete;
     tlsBytes& operator=(const tlsBytes&) = delete;
     ~tlsBytes();
@@ -26,7 +34,10 @@ struct tlsBytes {
     bool append(const uint8_t* bytes, size_t len);  // false: no memory
     // Room for len more bytes at the back (written at end(), then commit(len)).
     uint8_t* reserve(size_t len);
-    void commit(size_t len) { tail += len; }
+    void commit(size_t len) {
+        tail += len;
+        if (tail > written) written = tail;
+    }
     void consume(size_t len);
     void clear();  // wipes what it held
 };

@@ -243,9 +243,12 @@ public:
             size_t extra = 0;
             uint8_t* extraAt = nullptr;
             for (auto& b : buffers) {
-                if (b.BufferType == SECBUFFER_DATA && b.cbBuffer > 0 &&
-                    !plain.append(static_cast<uint8_t*>(b.pvBuffer), b.cbBuffer))
-                    return failWith(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
+                if (b.BufferType == SECBUFFER_DATA && b.cbBuffer > 0) {
+                    bool kept = plain.append(static_cast<uint8_t*>(b.pvBuffer), b.cbBuffer);
+                    // Decrypted in place: the queue of records must not keep the plaintext.
+                    SecureZeroMemory(b.pvBuffer, b.cbBuffer);
+                    if (!kept) return failWith(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
+                }
                 if (b.BufferType == SECBUFFER_EXTRA) {
                     extra = b.cbBuffer;
                     extraAt = static_cast<uint8_t*>(b.pvBuffer);
