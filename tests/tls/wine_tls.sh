@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # KVLCLIENT's Schannel TLS under Wine against the Linux emulator over TLS:
-# a call with the CA file, then an unknown CA and a wrong name (both -923);
+# a call with the CA file, then an unknown CA and a wrong name (both -923), an
+# address checked against the certificate's addresses, cipher lists;
 # with tls_relay next to the emulator, also that the DLL's close sends a
 # close_notify. Usage: wine_tls.sh EMULATOR TLS_PROBE_EXE. Exit 0 when every case holds.
 set -u
@@ -18,7 +19,7 @@ ca() { openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -key
   -subj "/CN=$1" -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign" 2>/dev/null; }
 ca ca && ca rogue || exit 1
 openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout server.key -out server.csr -subj /CN=localhost 2>/dev/null
-printf "subjectAltName=DNS:localhost\nextendedKeyUsage=serverAuth\n" >ext.cnf
+printf "subjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth\n" >ext.cnf
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 2 -extfile ext.cnf 2>/dev/null || exit 1
 "$emulator" --tls-cert server.pem --tls-key server.key --port-file port.txt -v 0 >emu.log 2>&1 &
 emu_pid=$!
@@ -35,6 +36,13 @@ check() {  # expected-fragment args...
 check "call rc=0 echo matches" localhost "$port" "$(winpath "$dir/ca.pem")"
 check "open rc=-923 .*unknown CA" localhost "$port" "$(winpath "$dir/rogue.pem")"
 check "open rc=-923 .*name mismatch" localhost "$port" "$(winpath "$dir/ca.pem")" other.example
+# An address is checked against the certificate's subjectAltName addresses.
+check "call rc=0 echo matches" 127.0.0.1 "$port" "$(winpath "$dir/ca.pem")"
+check "open rc=-923 .*name mismatch (127.0.0.2 is not" 127.0.0.1 "$port" "$(winpath "$dir/ca.pem")" 127.0.0.2
+# Cipher lists in the Windows form.
+check "call rc=0 echo matches" localhost "$port" "$(winpath "$dir/ca.pem")" - "AES256:AES128"
+check "call rc=0 echo matches" localhost "$port" "$(winpath "$dir/ca.pem")" - "TLS_AES_256_GCM_SHA384"
+check "open rc=-921 .*cipher \"ECDHE-RSA-RC4\" is not one" localhost "$port" "$(winpath "$dir/ca.pem")" - "AES128:ECDHE-RSA-RC4"
 relay=$(dirname "$emulator")/tls_relay
 if [[ -x "$relay" ]]; then
   # The probe's close, seen by OpenSSL in front of a plain emulator.
