@@ -654,6 +654,9 @@ int childMain(int argc, char** argv) {
 int main(int argc, char** argv) {
     raiseFileLimit();
     if (argc > 1 && strncmp(argv[1], "--", 2) == 0 && strstr(argv[1], "-child")) return childMain(argc, argv);
+    // --tls-only: the TLS figures alone (after --quick, when both are given), for profiling the TLS path.
+    bool tlsOnly = false;
+    for (int i = 1; i < argc; ++i) tlsOnly = tlsOnly || strcmp(argv[i], "--tls-only") == 0;
     if (argc > 1 && strcmp(argv[1], "--quick") == 0) {
         cfg.rounds = 3;
         cfg.syncCalls = 300;
@@ -683,13 +686,15 @@ int main(int argc, char** argv) {
 
     printf("kvlclient performance suite: library vs raw floor, same run, %d rounds interleaved\n", cfg.rounds);
     printf("  %-46s %10s %10s %9s  %-10s %s\n", "figure", "library", "floor", "ratio", "target", "");
-    syncLatency(fastPort);
-    throughput(fastPort);
-    channelRoundTrip(fastPort);
-    asyncDepths(fastPort);
-    idleConnections(self, fastPort);
-    syscallsPerCall(self, fastPort);
-    emulatorVsFast(fastPort, emuPort);
+    if (!tlsOnly) {
+        syncLatency(fastPort);
+        throughput(fastPort);
+        channelRoundTrip(fastPort);
+        asyncDepths(fastPort);
+        idleConnections(self, fastPort);
+        syscallsPerCall(self, fastPort);
+        emulatorVsFast(fastPort, emuPort);
+    }
     tlsVsPlain(emuPort, tlsPort);
     stopChildren();
     if (!tlsDir.empty()) system(("rm -rf " + tlsDir).c_str());

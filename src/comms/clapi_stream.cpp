@@ -39,6 +39,10 @@ int clapiStreamAttach(platformSocket s, clapiStream* stream) {
     return 0;
 }
 
+void clapiStreamEnd(platformSocket s) {
+    if (clapiStream* stream = clapiStreamFor(s)) stream->end();
+}
+
 void clapiStreamRelease(platformSocket s) {
     registry& r = streams();
     if (r.count.load() == 0) return;

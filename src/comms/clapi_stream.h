@@ -22,11 +22,18 @@ public:
     // recv returns at once: records that carry no data (session tickets, key
     // updates) are taken off the socket while waiting and do not count.
     virtual int waitReadable(int timeoutSeconds) = 0;
+    // Tells the peer that this side ends the stream (a TLS close_notify) just
+    // before the socket is shut down. Best effort: never blocks, never waits
+    // for the peer's answer, and gives up when a send is under way.
+    virtual void end() {}
 };
 
 // Attaches stream to socket s (the registry owns it from here). 0, or -1 when
 // the socket already has one.
 int clapiStreamAttach(platformSocket s, clapiStream* stream);
+// Ends the stream of s, if any (see clapiStream::end). The caller keeps the
+// stream alive meanwhile (it holds the lock under which the socket is closed).
+void clapiStreamEnd(platformSocket s);
 // Detaches and destroys the stream of s, if any. The caller makes sure nobody
 // is using it (the socket is about to be closed under the send lock, with the
 // receiver thread ended or not yet started).

@@ -198,7 +198,10 @@ int closeSocket(platformSocket socket) {
 void clapiShutdownTokenSocket(kvlGatewayToken* token) {
     clapiRequestLock(&token->socketLock);
     platformSocket s = token->socket.load();
-    if (s != PLATFORM_INVALID_SOCKET) platformShutdownSocket(s);
+    if (s != PLATFORM_INVALID_SOCKET) {
+        clapiStreamEnd(s);  // a TLS session says goodbye first; nothing for plain TCP
+        platformShutdownSocket(s);
+    }
     clapiReleaseLock(&token->socketLock);
 }
 

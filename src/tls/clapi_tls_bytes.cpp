@@ -32,11 +32,12 @@ uint8_t* tlsBytes::reserve(size_t len) {
     if (bigger == nullptr) return nullptr;
     if (tail > 0) memcpy(bigger, data, tail);
     if (data != nullptr) {
-        wipe(data, 0, cap);
+        if (secret) wipe(data, 0, written);
         free(data);
     }
     data = bigger;
     cap = want;
+    written = tail;
     return data + tail;
 }
 
@@ -45,7 +46,7 @@ bool tlsBytes::append(const uint8_t* bytes, size_t len) {
     uint8_t* at = reserve(len);
     if (at == nullptr) return false;
     memcpy(at, bytes, len);
-    tail += len;
+    commit(len);
     return true;
 }
 
@@ -55,8 +56,8 @@ void tlsBytes::consume(size_t len) {
 }
 
 void tlsBytes::clear() {
-    if (data != nullptr) wipe(data, 0, cap);
-    head = tail = 0;
+    if (data != nullptr && secret) wipe(data, 0, written);
+    head = tail = written = 0;
 }
 
 bool tlsFail(tlsFailure& why, int code, const char* format, ...) {

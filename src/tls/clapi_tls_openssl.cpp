@@ -1,9 +1,12 @@
-// TLS backend on OpenSSL 3: one SSL object between two memory BIOs, so that
-// the glue does all socket I/O and OpenSSL only turns records into bytes.
+// TLS backend on OpenSSL 3: one SSL object whose BIOs read and write the glue's
+// own byte queues, so that the glue does all socket I/O, OpenSSL only turns
+// records into bytes, and no record is copied through a BIO buffer of its own.
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <cstring>
@@ -55,27 +58,76 @@ const char* verifyClass(long result) {
     }
 }
 
-bool drain(BIO* bio, tlsBytes& out) {
-    for (;;) {
-        size_t pending = BIO_ctrl_pending(bio);
-        if (pending == 0) return true;
-        uint8_t* at = out.reserve(pending);
-        if (at == nullptr) return false;
-        int n = BIO_read(bio, at, static_cast<int>(pending));
-        if (n <= 0) return true;
-        out.commit(static_cast<size_t>(n));
+// The queues the engine's BIOs use during one call (nullptr between calls:
+// reads then want more input, writes fail).
+struct queues {
+    tlsBytes* in = nullptr;
+    tlsBytes* out = nullptr;
+    bool noMemory = false;
+};
+
+int queueWrite(BIO* bio, const char* data, size_t len, size_t* written) {
+    auto* q = static_cast<queues*>(BIO_get_data(bio));
+    BIO_clear_retry_flags(bio);
+    if (q->out == nullptr || !q->out->append(reinterpret_cast<const uint8_t*>(data), len)) {
+        q->noMemory = q->out != nullptr;
+        return 0;
     }
+    *written = len;
+    return 1;
 }
 
-bool feed(BIO* bio, tlsBytes& in) {
-    while (!in.empty()) {
-        size_t chunk = in.size() > 0x40000000u ? 0x40000000u : in.size();
-        int n = BIO_write(bio, in.begin(), static_cast<int>(chunk));
-        if (n <= 0) return false;
-        in.consume(static_cast<size_t>(n));
+int queueRead(BIO* bio, char* data, size_t len, size_t* read) {
+    auto* q = static_cast<queues*>(BIO_get_data(bio));
+    BIO_clear_retry_flags(bio);
+    if (q->in == nullptr || q->in->empty()) {
+        BIO_set_retry_read(bio);  // "not yet", never "end": the glue owns the socket's end
+        return 0;
     }
-    return true;
+    size_t n = len < q->in->size() ? len : q->in->size();
+    memcpy(data, q->in->begin(), n);
+    q->in->consume(n);
+    *read = n;
+    return 1;
 }
+
+long queueCtrl(BIO*, int cmd, long, void*) { return cmd == BIO_CTRL_FLUSH ? 1 : 0; }
+
+int queueCreate(BIO* bio) {
+    BIO_set_init(bio, 1);
+    return 1;
+}
+
+// Made once; OpenSSL runs the initialiser of a function-local static once.
+const BIO_METHOD* queueMethod() {
+    static BIO_METHOD* method = [] {
+        BIO_METHOD* m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "kvlclient queue");
+        if (m != nullptr) {
+            BIO_meth_set_write_ex(m, queueWrite);
+            BIO_meth_set_read_ex(m, queueRead);
+            BIO_meth_set_ctrl(m, queueCtrl);
+            BIO_meth_set_create(m, queueCreate);
+        }
+        return m;
+    }();
+    return method;
+}
+
+// Binds the queues for one call into OpenSSL, and unbinds them after.
+class bound {
+public:
+    bound(queues& q, tlsBytes* in, tlsBytes* out) : q_(q) {
+        q_.in = in;
+        q_.out = out;
+        q_.noMemory = false;
+    }
+    ~bound() { q_.in = q_.out = nullptr; }
+    bound(const bound&) = delete;
+    bound& operator=(const bound&) = delete;
+
+private:
+    queues& q_;
+};
 
 class opensslEngine final : public tlsEngine {
 public:
@@ -83,6 +135,9 @@ public:
         SSL_free(ssl_);  // frees both BIOs
         SSL_CTX_free(ctx_);
     }
+    opensslEngine() = default;
+    opensslEngine(const opensslEngine&) = delete;
+    opensslEngine& operator=(const opensslEngine&) = delete;
 
     bool setUp(const tlsSettings& s, tlsFailure& why) {
         char reason[256];
@@ -121,17 +176,18 @@ public:
                 return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "the cipher list \"%s\" names no usable cipher", s.cipherList);
         }
         ssl_ = SSL_new(ctx_);
-        BIO* in = BIO_new(BIO_s_mem());
-        BIO* out = BIO_new(BIO_s_mem());
+        const BIO_METHOD* method = queueMethod();
+        BIO* in = method != nullptr ? BIO_new(method) : nullptr;
+        BIO* out = method != nullptr ? BIO_new(method) : nullptr;
         if (ssl_ == nullptr || in == nullptr || out == nullptr) {
             BIO_free(in);
             BIO_free(out);
             return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "cannot create a TLS session: no memory");
         }
-        BIO_set_mem_eof_return(in, -1);  // an empty input means "wait", not "end"
-        SSL_set_bio(ssl_, in, out);
-        in_ = in;
-        out_ = out;
+        BIO_set_data(in, &queues_);
+        BIO_set_data(out, &queues_);
+        SSL_set0_rbio(ssl_, in);
+        SSL_set0_wbio(ssl_, out);
         SSL_set_connect_state(ssl_);
         SSL_set_msg_callback(ssl_, onMessage);
         SSL_set_msg_callback_arg(ssl_, this);
@@ -152,11 +208,10 @@ public:
     }
 
     tlsStatus handshake(tlsBytes& in, tlsBytes& out, tlsFailure& why) override {
-        if (!feed(in_, in)) return fail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "no memory for the handshake");
+        bound use(queues_, &in, &out);
         ERR_clear_error();
         int rc = SSL_do_handshake(ssl_);
-        bool drained = drain(out_, out);
-        if (!drained) return fail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "no memory for the handshake");
+        if (queues_.noMemory) return fail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "no memory for the handshake");
         if (rc == 1) return tlsStatus::done;
         int error = SSL_get_error(ssl_, rc);
         if (error == SSL_ERROR_WANT_READ) return tlsStatus::wantInput;
@@ -177,30 +232,31 @@ public:
     }
 
     bool encrypt(const uint8_t* data, size_t len, tlsBytes& out, tlsFailure& why) override {
+        bound use(queues_, nullptr, &out);
         size_t done = 0;
         while (done < len) {
             size_t written = 0;
             ERR_clear_error();
             if (SSL_write_ex(ssl_, data + done, len - done, &written) != 1) {
+                if (queues_.noMemory) return tlsFail(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
                 char reason[256];
                 return tlsFail(why, KVL_EXT_ERR_TLS_IO, "a TLS record could not be written: %s",
                                opensslReason(reason, sizeof reason, "unknown"));
             }
             done += written;
-            if (!drain(out_, out)) return tlsFail(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
         }
         return true;
     }
 
     tlsStatus decrypt(tlsBytes& in, tlsBytes& plain, tlsBytes& out, tlsFailure& why) override {
-        if (!feed(in_, in)) return fail(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
+        bound use(queues_, &in, &out);
         for (;;) {
             uint8_t* at = plain.reserve(16384);
             if (at == nullptr) return fail(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
             size_t got = 0;
             ERR_clear_error();
             int rc = SSL_read_ex(ssl_, at, 16384, &got);
-            if (!drain(out_, out)) return fail(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
+            if (queues_.noMemory) return fail(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
             if (rc == 1) {
                 plain.commit(got);
                 continue;
@@ -213,6 +269,18 @@ public:
                     opensslReason(reason, sizeof reason, "unknown"));
             return tlsStatus::failed;
         }
+    }
+
+    bool closeNotify(tlsBytes& out, tlsFailure& why) override {
+        if (SSL_is_init_finished(ssl_) != 1) return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the handshake never finished");
+        bound use(queues_, nullptr, &out);
+        ERR_clear_error();
+        // Once: 0 means ours is written and the peer's is not awaited.
+        if (SSL_shutdown(ssl_) < 0) {
+            char reason[256];
+            return tlsFail(why, KVL_EXT_ERR_TLS_IO, "no close_notify: %s", opensslReason(reason, sizeof reason, "unknown"));
+        }
+        return !out.empty() || tlsFail(why, KVL_EXT_ERR_TLS_IO, "the TLS library wrote no close_notify");
     }
 
     bool awaitsClientAuthVerdict() override { return askedForCertificate_ && SSL_version(ssl_) == TLS1_3_VERSION; }
@@ -239,12 +307,19 @@ private:
 
     SSL_CTX* ctx_ = nullptr;
     SSL* ssl_ = nullptr;
-    BIO* in_ = nullptr;   // records from the Gateway
-    BIO* out_ = nullptr;  // records for the Gateway
+    queues queues_;  // what the SSL object's two BIOs read and write
     bool askedForCertificate_ = false;
 };
 
 }  // namespace
+
+bool tlsSendIfRoom(platformSocket s, const tlsBytes& bytes) {
+    int fd = static_cast<int>(s);
+    pollfd p{fd, POLLOUT, 0};
+    if (poll(&p, 1, 0) != 1 || (p.revents & POLLOUT) == 0) return false;
+    ssize_t n = send(fd, bytes.begin(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return n == static_cast<ssize_t>(bytes.size());
+}
 
 std::unique_ptr<tlsEngine> clapiTlsCreateEngine(const tlsSettings& settings, tlsFailure& why) {
     std::unique_ptr<opensslEngine> engine(new (std::nothrow) opensslEngine);

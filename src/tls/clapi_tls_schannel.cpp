@@ -3,6 +3,8 @@
 // checks the Gateway's certificate itself, so that a CA file can be trusted
 // without touching the system's stores.
 #define SECURITY_WIN32
+#include <winsock2.h>
+#include <ws2tcpip.h>
 #include <windows.h>
 #include <schannel.h>
 #include <security.h>
@@ -83,6 +85,78 @@ bool loadPemCertificates(const char* path, HCERTSTORE store) {
     return added > 0;
 }
 
+// The address `name` in binary (4 or 16 bytes); 0 when it is not one.
+size_t addressBytes(const char* name, uint8_t (&bytes)[16]) {
+    if (inet_pton(AF_INET, name, bytes) == 1) return 4;
+    if (inet_pton(AF_INET6, name, bytes) == 1) return 16;
+    return 0;
+}
+
+// Whether the certificate lists the address among its subjectAltName IP
+// entries, compared as binary addresses. The SSL chain policy's own check
+// only matches names, so an address is checked here.
+bool certificateNamesAddress(PCCERT_CONTEXT cert, const char* name) {
+    uint8_t wanted[16];
+    size_t wantedLen = addressBytes(name, wanted);
+    if (wantedLen == 0) return false;
+    PCERT_EXTENSION ext = CertFindExtension(szOID_SUBJECT_ALT_NAME2, cert->pCertInfo->cExtension,
+                                            cert->pCertInfo->rgExtension);
+    if (ext == nullptr) return false;
+    CERT_ALT_NAME_INFO* names = nullptr;
+    DWORD size = 0;
+    if (!CryptDecodeObjectEx(X509_ASN_ENCODING, X509_ALTERNATE_NAME, ext->Value.pbData, ext->Value.cbData,
+                             CRYPT_DECODE_ALLOC_FLAG, nullptr, &names, &size))
+        return false;
+    bool found = false;
+    for (DWORD i = 0; i < names->cAltEntry && !found; ++i) {
+        const CERT_ALT_NAME_ENTRY& entry = names->rgAltEntry[i];
+        found = entry.dwAltNameChoice == CERT_ALT_NAME_IP_ADDRESS && entry.IPAddress.cbData == wantedLen &&
+                memcmp(entry.IPAddress.pbData, wanted, wantedLen) == 0;
+    }
+    LocalFree(names);
+    return found;
+}
+
+// The cipher names a Windows TLS can be limited to: bulk ciphers, as
+// Schannel chooses by algorithm, not by suite. The TLS 1.3 suite names map to
+// their cipher so that one list can serve both builds.
+struct cipherName {
+    const char* name;
+    ALG_ID alg;
+};
+constexpr cipherName kCipherNames[] = {
+    {"AES128", CALG_AES_128},
+    {"AES256", CALG_AES_256},
+    {"TLS_AES_128_GCM_SHA256", CALG_AES_128},
+    {"TLS_AES_256_GCM_SHA384", CALG_AES_256},
+};
+constexpr size_t kMaxCiphers = 8;
+
+// Reads "AES256:AES128" (or with commas or blanks) into algs; false with the
+// unknown name in why.
+bool parseCipherList(const char* list, ALG_ID* algs, DWORD* count, tlsFailure& why) {
+    *count = 0;
+    const char* p = list;
+    while (*p != '\0') {
+        while (*p == ':' || *p == ',' || *p == ' ') ++p;
+        size_t len = strcspn(p, ":, ");
+        if (len == 0) break;
+        const cipherName* known = nullptr;
+        for (const cipherName& c : kCipherNames)
+            if (strlen(c.name) == len && _strnicmp(c.name, p, len) == 0) known = &c;
+        if (known == nullptr)
+            return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG,
+                           "the cipher \"%.*s\" is not one the Windows TLS can be limited to (AES128, AES256, "
+                           "TLS_AES_128_GCM_SHA256, TLS_AES_256_GCM_SHA384)",
+                           static_cast<int>(len < 64 ? len : 64), p);
+        bool listed = false;
+        for (DWORD i = 0; i < *count; ++i) listed = listed || algs[i] == known->alg;
+        if (!listed && *count < kMaxCiphers) algs[(*count)++] = known->alg;
+        p += len;
+    }
+    return *count > 0 || tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "the cipher list \"%s\" names no cipher", list);
+}
+
 const char* chainClass(DWORD status) {
     if (status & CERT_TRUST_IS_NOT_TIME_VALID) return "certificate expired or not yet valid";
     if (status & (CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN)) return "unknown CA";
@@ -139,8 +213,10 @@ public:
         snprintf(name_, sizeof name_, "%s", s.name != nullptr ? s.name : "");
         if (s.certFile != nullptr || s.keyFile != nullptr)
             return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "client certificates are not supported by the Windows TLS of this build");
-        if (s.cipherList != nullptr && s.cipherList[0] != '\0')
-            return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "a cipher list cannot be given to the Windows TLS; it follows the system's policy");
+        ALG_ID ciphers[kMaxCiphers];
+        DWORD cipherCount = 0;
+        if (s.cipherList != nullptr && s.cipherList[0] != '\0' && !parseCipherList(s.cipherList, ciphers, &cipherCount, why))
+            return false;
         if (s.verify && s.caFile != nullptr) {
             caStore_ = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
             if (caStore_ == nullptr || !loadPemCertificates(s.caFile, caStore_))
@@ -152,6 +228,12 @@ public:
         cred.grbitEnabledProtocols =
             s.minVersion == 0x0304 ? SP_PROT_TLS1_3_CLIENT : (SP_PROT_TLS1_2_CLIENT | SP_PROT_TLS1_3_CLIENT);
         cred.dwFlags = SCH_CRED_MANUAL_CRED_VALIDATION | SCH_CRED_NO_DEFAULT_CREDS;
+        if (cipherCount > 0) {
+            cred.cSupportedAlgs = cipherCount;
+            cred.palgSupportedAlgs = ciphers;
+            memcpy(ciphers_, ciphers, cipherCount * sizeof ciphers[0]);
+            cipherCount_ = cipherCount;
+        }
         TimeStamp expiry;
         SECURITY_STATUS st = AcquireCredentialsHandleA(nullptr, const_cast<char*>(UNISP_NAME_A), SECPKG_CRED_OUTBOUND,
                                                       nullptr, &cred, nullptr, nullptr, &credentials_, &expiry);
@@ -193,7 +275,7 @@ public:
                 if (st == SEC_E_OK) {
                     if (QueryContextAttributesA(&context_, SECPKG_ATTR_STREAM_SIZES, &sizes_) != SEC_E_OK)
                         return failWith(why, KVL_EXT_ERR_TLS_HANDSHAKE, "the session has no record sizes");
-                    return checkCertificate(why) ? tlsStatus::done : tlsStatus::failed;
+                    return checkCipher(why) && checkCertificate(why) ? tlsStatus::done : tlsStatus::failed;
                 }
                 if (!out.empty() && in.empty()) return tlsStatus::wantInput;
                 continue;
@@ -242,9 +324,12 @@ public:
             size_t extra = 0;
             uint8_t* extraAt = nullptr;
             for (auto& b : buffers) {
-                if (b.BufferType == SECBUFFER_DATA && b.cbBuffer > 0 &&
-                    !plain.append(static_cast<uint8_t*>(b.pvBuffer), b.cbBuffer))
-                    return failWith(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
+                if (b.BufferType == SECBUFFER_DATA && b.cbBuffer > 0) {
+                    bool kept = plain.append(static_cast<uint8_t*>(b.pvBuffer), b.cbBuffer);
+                    // Decrypted in place: the queue of records must not keep the plaintext.
+                    SecureZeroMemory(b.pvBuffer, b.cbBuffer);
+                    if (!kept) return failWith(why, KVL_EXT_ERR_TLS_IO, "no memory for a TLS record");
+                }
                 if (b.BufferType == SECBUFFER_EXTRA) {
                     extra = b.cbBuffer;
                     extraAt = static_cast<uint8_t*>(b.pvBuffer);
@@ -262,6 +347,28 @@ public:
         return tlsStatus::done;
     }
 
+    bool closeNotify(tlsBytes& out, tlsFailure& why) override {
+        if (sizes_.cbMaximumMessage == 0) return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the handshake never finished");
+        DWORD type = SCHANNEL_SHUTDOWN;
+        SecBuffer control = {sizeof type, SECBUFFER_TOKEN, &type};
+        SecBufferDesc controlDesc = {SECBUFFER_VERSION, 1, &control};
+        SECURITY_STATUS st = ApplyControlToken(&context_, &controlDesc);
+        if (st != SEC_E_OK)
+            return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the Windows TLS cannot end the session (0x%08lX)", (unsigned long)st);
+        // The context, told to shut down, writes the alert as its next token.
+        SecBuffer token = {0, SECBUFFER_TOKEN, nullptr};
+        SecBufferDesc tokenDesc = {SECBUFFER_VERSION, 1, &token};
+        unsigned long attributes = 0;
+        st = InitializeSecurityContextA(&credentials_, &context_, nullptr, kContextFlags, 0, 0, nullptr, 0, nullptr,
+                                        &tokenDesc, &attributes, nullptr);
+        bool ok = token.pvBuffer != nullptr && token.cbBuffer > 0 &&
+                  out.append(static_cast<uint8_t*>(token.pvBuffer), token.cbBuffer);
+        if (token.pvBuffer != nullptr) FreeContextBuffer(token.pvBuffer);
+        if (!ok)
+            return tlsFail(why, KVL_EXT_ERR_TLS_IO, "the Windows TLS wrote no close_notify (0x%08lX)", (unsigned long)st);
+        return true;
+    }
+
     void describe(char* text, size_t size) override {
         SecPkgContext_ConnectionInfo info;
         memset(&info, 0, sizeof info);
@@ -277,6 +384,22 @@ private:
     tlsStatus failWith(tlsFailure& why, int code, const char* text) {
         tlsFail(why, code, "%s", text);
         return tlsStatus::failed;
+    }
+
+    // Not every Windows TLS keeps to the algorithms it was given (Wine's does
+    // not): a session on another cipher is refused rather than used.
+    bool checkCipher(tlsFailure& why) {
+        if (cipherCount_ == 0) return true;
+        SecPkgContext_ConnectionInfo info;
+        memset(&info, 0, sizeof info);
+        if (QueryContextAttributesA(&context_, SECPKG_ATTR_CONNECTION_INFO, &info) != SEC_E_OK)
+            return tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "the session does not say which cipher it uses");
+        for (DWORD i = 0; i < cipherCount_; ++i)
+            if (ciphers_[i] == info.aiCipher) return true;
+        return tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE,
+                       "TLS protocol version or cipher not accepted: the session uses cipher 0x%04lX, which the "
+                       "cipher list does not allow",
+                       (unsigned long)info.aiCipher);
     }
 
     bool checkCertificate(tlsFailure& why) {
@@ -323,6 +446,16 @@ private:
             return tlsFail(why, KVL_EXT_ERR_TLS_VERIFY, "the Gateway's certificate was not accepted: %s (chain status 0x%08lX)",
                            chainClass(status), (unsigned long)status);
         }
+        bool checkName = settings_.checkName && name_[0] != '\0';
+        if (checkName && isAddress(name_)) {
+            if (!certificateNamesAddress(peer, name_)) {
+                CertFreeCertificateChain(chain);
+                return tlsFail(why, KVL_EXT_ERR_TLS_VERIFY,
+                               "the Gateway's certificate was not accepted: name mismatch (%s is not among its "
+                               "subjectAltName addresses)", name_);
+            }
+            checkName = false;  // done: the policy below checks the rest of the chain
+        }
         wchar_t wideName[256] = L"";
         MultiByteToWideChar(CP_UTF8, 0, name_, -1, wideName, 256);
         SSL_EXTRA_CERT_CHAIN_POLICY_PARA ssl;
@@ -330,7 +463,7 @@ private:
         ssl.cbSize = sizeof ssl;
         ssl.dwAuthType = AUTHTYPE_SERVER;
         ssl.fdwChecks = (rootFromCaFile ? kIgnoreUnknownCa : 0) |
-                        (settings_.checkName && name_[0] != '\0' ? 0 : kIgnoreNameMismatch) |
+                        (checkName ? 0 : kIgnoreNameMismatch) |
                         kIgnoreRevocation;
         ssl.pwszServerName = wideName;
         CERT_CHAIN_POLICY_PARA policy;
@@ -357,9 +490,23 @@ private:
     bool haveContext_ = false;
     SecPkgContext_StreamSizes sizes_{};
     HCERTSTORE caStore_ = nullptr;
+    ALG_ID ciphers_[kMaxCiphers] = {};
+    DWORD cipherCount_ = 0;
 };
 
 }  // namespace
+
+bool tlsSendIfRoom(platformSocket s, const tlsBytes& bytes) {
+    SOCKET sock = static_cast<SOCKET>(s);
+    fd_set writable;
+    FD_ZERO(&writable);
+    FD_SET(sock, &writable);
+    timeval now = {0, 0};
+    if (select(0, nullptr, &writable, nullptr, &now) != 1) return false;
+    // Writable: a few bytes go into the send buffer without waiting.
+    int n = send(sock, reinterpret_cast<const char*>(bytes.begin()), static_cast<int>(bytes.size()), 0);
+    return n == static_cast<int>(bytes.size());
+}
 
 std::unique_ptr<tlsEngine> clapiTlsCreateEngine(const tlsSettings& settings, tlsFailure& why) {
     std::unique_ptr<schannelEngine> engine(new (std::nothrow) schannelEngine);

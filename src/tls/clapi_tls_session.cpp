@@ -7,6 +7,7 @@
 // records in order on the socket. Order: readLock, engineLock, wireLock. No
 // lock but wireLock is held while blocked on the socket, so a sender stuck in
 // send() never stops the receiver from decrypting.
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <thread>
 
 #include "comms/clapi_stream.h"
 #include "gateway/clapi_gwytok.h"
@@ -24,6 +26,9 @@
 namespace {
 
 constexpr size_t kRecvChunk = 17 * 1024;  // one full TLS record and its overhead
+// How long end() tries for its locks: a reader or sender holds them only
+// briefly, unless it is stuck in a full socket, which the shutdown frees.
+constexpr auto kEndLockPatience = std::chrono::milliseconds(20);
 
 // Sends every byte; false with *error on failure.
 bool sendRaw(platformSocket s, const tlsBytes& bytes, int* error) {
@@ -62,18 +67,26 @@ public:
         std::unique_lock<std::mutex> engine(engineLock_);
         *error = 0;
         if (failed_) return -1;
-        tlsBytes out;
+        if (ending_.load()) {
+            CLAPI_TRACE(EXC, 9220, "clapi_tls.send() The TLS session has ended\n");
+            return -1;
+        }
+        // The records go into the wire's own buffer, kept from call to call.
+        std::unique_lock<std::mutex> wire(wireLock_);
+        wireOut_.clear();
         tlsFailure why;
-        if (!engine_->encrypt(data, len, out, why)) {
+        if (!engine_->encrypt(data, len, wireOut_, why)) {
             failed_ = true;
             CLAPI_TRACE(EXC, 9220, "clapi_tls.send() %s\n", why.text);
             return -1;
         }
-        std::lock_guard<std::mutex> wire(wireLock_);
         engine.unlock();
-        if (!sendRaw(socket_, out, error)) return -1;
+        bool sent = sendRaw(socket_, wireOut_, error);
+        size_t recordBytes = wireOut_.size();
+        wire.unlock();
+        if (!sent) return -1;
         CLAPI_TRACE(DEBUG, 9221, "clapi_tls.send() %lu bytes sent as %lu bytes of records\n", (unsigned long)len,
-                    (unsigned long)out.size());
+                    (unsigned long)recordBytes);
         return static_cast<long long>(len);
     }
 
@@ -116,7 +129,45 @@ public:
         }
     }
 
+    void end() override {
+        if (ending_.exchange(true)) return;
+        auto giveUp = std::chrono::steady_clock::now() + kEndLockPatience;
+        std::unique_lock<std::mutex> engine(engineLock_, std::defer_lock);
+        if (!lockBefore(engine, giveUp)) {
+            CLAPI_TRACE(DEBUG, 9227, "clapi_tls.end() No close_notify: the session is busy\n");
+            return;
+        }
+        tlsBytes out(tlsBytes::records);
+        tlsFailure why;
+        if (failed_ || ended_ || !engine_->closeNotify(out, why)) {
+            CLAPI_TRACE(DEBUG, 9227, "clapi_tls.end() No close_notify: %s\n",
+                        failed_ || ended_ ? "the session is already over" : why.text);
+            return;
+        }
+        // A sender inside a record holds the wire: an alert now would cut it.
+        // One that is finishing lets go at once; one stuck in a full socket
+        // is freed by the shutdown that follows, without a close_notify.
+        std::unique_lock<std::mutex> wire(wireLock_, std::defer_lock);
+        lockBefore(wire, giveUp);
+        engine.unlock();
+        bool sent = wire.owns_lock() && tlsSendIfRoom(socket_, out);
+        if (sent) {
+            CLAPI_TRACE(EVENT, 9226, "clapi_tls.end() close_notify sent\n");
+        } else {
+            CLAPI_TRACE(DEBUG, 9227, "clapi_tls.end() No close_notify: %s\n",
+                        wire.owns_lock() ? "the socket does not take it at once" : "a record is being sent");
+        }
+    }
+
 private:
+    static bool lockBefore(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point giveUp) {
+        while (!lock.try_lock()) {
+            if (std::chrono::steady_clock::now() >= giveUp) return false;
+            std::this_thread::yield();
+        }
+        return true;
+    }
+
     bool ready() {
         std::lock_guard<std::mutex> engine(engineLock_);
         return !plain_.empty() || ended_ || failed_;
@@ -125,7 +176,15 @@ private:
     // One receive from the socket (blocking), decrypted. The socket's end or
     // failure is kept as the session's (readLock held).
     void pullFromSocket() {
-        long long got = platformRecv(socket_, scratch_, sizeof scratch_);
+        // Straight into the queue the engine reads, which only readers touch.
+        uint8_t* at = rawIn_.reserve(kRecvChunk);
+        if (at == nullptr) {
+            std::lock_guard<std::mutex> engine(engineLock_);
+            failed_ = true;
+            CLAPI_TRACE(EXC, 9222, "clapi_tls.recv() No memory for %lu bytes of records\n", (unsigned long)kRecvChunk);
+            return;
+        }
+        long long got = platformRecv(socket_, at, kRecvChunk);
         int error = got < 0 ? platformSocketError() : 0;
         std::lock_guard<std::mutex> engine(engineLock_);
         if (got < 1) {
@@ -134,17 +193,13 @@ private:
             else ended_ = true;
             return;
         }
-        if (!rawIn_.append(scratch_, static_cast<size_t>(got))) {
-            failed_ = true;
-            CLAPI_TRACE(EXC, 9222, "clapi_tls.recv() No memory for %lu bytes of records\n", (unsigned long)got);
-            return;
-        }
+        rawIn_.commit(static_cast<size_t>(got));
         decryptLocked();
     }
 
     // Turns what has arrived into plaintext; sends what the engine must answer.
     void decryptLocked() {
-        tlsBytes out;
+        tlsBytes out(tlsBytes::records);
         tlsFailure why;
         tlsStatus status = engine_->decrypt(rawIn_, plain_, out, why);
         if (status == tlsStatus::failed) {
@@ -169,12 +224,13 @@ private:
     std::mutex readLock_;
     std::mutex engineLock_;
     std::mutex wireLock_;
-    tlsBytes rawIn_;   // records received, not yet decrypted (engineLock)
-    tlsBytes plain_;   // plaintext not yet taken by a reader (engineLock)
+    tlsBytes rawIn_{tlsBytes::records};    // records received, not yet decrypted (readLock)
+    tlsBytes plain_;                        // plaintext not yet taken by a reader (engineLock)
+    tlsBytes wireOut_{tlsBytes::records};  // records being sent (wireLock)
     bool failed_ = false;  // (engineLock)
     int socketError_ = 0;  // the socket's error once failed_ came from it (engineLock)
     bool ended_ = false;   // (engineLock)
-    uint8_t scratch_[kRecvChunk];  // (readLock)
+    std::atomic<bool> ending_{false};  // end() ran: no record may follow the close_notify
 };
 
 // Reads the options the caller's record has; the rest keep their defaults.
@@ -226,7 +282,7 @@ int awaitVerdict(platformSocket s, tlsEngine& engine, int timeLeftMs, tlsBytes& 
         tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "no memory for the TLS handshake");
         return why.code;
     }
-    tlsBytes out;
+    tlsBytes out(tlsBytes::records);
     tlsStatus status = engine.decrypt(leftover, plain, out, why);
     if (!out.empty()) {
         int error = 0;
@@ -251,7 +307,7 @@ int runHandshake(platformSocket s, tlsEngine& engine, int timeoutMs, tlsBytes& l
     auto deadline = steadyClock::now() + std::chrono::milliseconds(timeoutMs);
     uint8_t chunk[kRecvChunk];
     for (;;) {
-        tlsBytes out;
+        tlsBytes out(tlsBytes::records);
         tlsStatus status = engine.handshake(leftover, out, why);
         int error = 0;
         if (!out.empty()) {
@@ -326,7 +382,7 @@ int clapiTlsStart(kvlGatewayToken* gwTok, const KVL_EXT_ConnectOptions* options,
                     settings.caFile ? settings.caFile : "(system)", settings.certFile ? settings.certFile : "(none)",
                     settings.cipherList ? settings.cipherList : "(default)");
         std::unique_ptr<tlsEngine> engine = clapiTlsCreateEngine(settings, why);
-        tlsBytes leftover;
+        tlsBytes leftover(tlsBytes::records);
         tlsBytes plain;
         if (!engine) {
             rc = why.code;

@@ -18,10 +18,12 @@
 #include "support/trace_capture.h"
 #include "tls_certs.h"
 #include "tls_open.h"
+#include "tls_relay.h"
 
 using tlstest::certs;
 using tlstest::openTls;
 using tlstest::tlsOptions;
+using tlstest::TlsRelay;
 
 namespace {
 
@@ -307,6 +309,60 @@ TEST_F(TlsTest, ManyThreadsShareOneConnection) {
     EXPECT_EQ(0, KVL_closeGatewayConnection(&plainToken));
     EXPECT_EQ(0, KVL_closeGatewayConnection(&token));
     plain.stop();
+}
+
+
+// The library's TLS ends through a relay in front of a plain emulator, so that
+// the relay's OpenSSL says how the session ended.
+class TlsEndTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(certs().dir.empty()) << "test certificates could not be made";
+        ASSERT_TRUE(emulator_.start()) << emulator_.lastError();
+        relay_ = std::make_unique<TlsRelay>(certs().serverCert, certs().serverKey, emulator_.port());
+        ASSERT_NE(0, relay_->port());
+    }
+    void TearDown() override {
+        EXPECT_EQ(0, KVL_closeAllGatewayConnections());
+        relay_.reset();
+        emulator_.stop();
+    }
+    gwTok open() {
+        gwTok token = nullptr;
+        std::string why;
+        EXPECT_EQ(0, openTls(tlsOptions("127.0.0.1", relay_->port(), certs().caCert), &token, &why)) << why;
+        return token;
+    }
+    kvlemu::Emulator emulator_;
+    std::unique_ptr<TlsRelay> relay_;
+};
+
+TEST_F(TlsEndTest, ACloseSendsCloseNotifyBeforeTheSocketEnds) {
+    kvltest::TraceCapture trace(4);
+    gwTok token = open();
+    ASSERT_NE(nullptr, token);
+    std::vector<uint8_t> area = pattern(100, 1);
+    ASSERT_EQ(ECI_NO_ERROR, call(token, "ECHO", area));
+    EXPECT_EQ(0, KVL_closeGatewayConnection(&token));
+    TlsRelay::End end = relay_->waitForEnd(5000);
+    EXPECT_EQ(TlsRelay::End::closeNotify, end) << TlsRelay::name(end);
+    EXPECT_EQ(1u, trace.linesWithId(9226).size()) << trace.text();
+}
+
+TEST_F(TlsEndTest, APurgeDuringACallSendsCloseNotify) {
+    gwTok token = open();
+    ASSERT_NE(nullptr, token);
+    auto inFlight = std::async(std::launch::async, [token] {
+        std::vector<uint8_t> area = pattern(100, 9);
+        return call(token, "GATE", area);
+    });
+    ASSERT_TRUE(emulator_.waitForGateWaiters(1, 5000));
+    EXPECT_EQ(0, KVL_purgeGatewayConnection(&token, 0));
+    ASSERT_EQ(std::future_status::ready, inFlight.wait_for(std::chrono::seconds(10)));
+    EXPECT_NE(ECI_NO_ERROR, inFlight.get());
+    TlsRelay::End end = relay_->waitForEnd(5000);
+    EXPECT_EQ(TlsRelay::End::closeNotify, end) << TlsRelay::name(end);
+    emulator_.openGate();
 }
 
 }  // namespace
