@@ -228,9 +228,18 @@ void clapiCloseTokenSocket(kvlGatewayToken* token) {
 int clapiCloseConnection(kvlGatewayToken* conn) {
     CLAPI_TRACE(ENTRY, 3015, "clapi_gwycon.clapiCloseConnection(conn=%p)\n", static_cast<void*>(conn));
     int rc;
-    if (clapiRequestLock(&conn->sendLock) != 0) {
+    // A sender that keeps the send lock this long is stuck on a Gateway that
+    // does not read: the close request cannot go, and ending the connection is
+    // what frees that sender (its send fails on the shut-down socket).
+    int locked = clapiRequestLockWithin(&conn->sendLock, clapiCloseAnswerSeconds * 1000u);
+    if (locked != 0) {
         CLAPI_TRACE(EXC, 3017, "clapi_gwycon.clapiCloseConnection() Failed to acquire send lock\n");
-        rc = KVL_ERR_SYSTEM_ERROR;
+        if (locked == 1) {
+            clapiStopReceiver(conn);
+            rc = KVL_ERR_LOSTGWCON;
+        } else {
+            rc = KVL_ERR_SYSTEM_ERROR;
+        }
     } else {
         rc = clapiFlowCloseRequest(conn->socket.load());
         if (clapiReleaseLock(&conn->sendLock) != 0) {

@@ -24,6 +24,8 @@ struct clapiOpenPlan {
 int clapiConnectToGateway(int32_t port, const char* ipAddr, kvlGatewayToken* gwTokPtr, const char* applid,
                           const char* applidQualifier);
 // Sends the close request under the send lock: 0, a socket buffer code or -9.
+// When a sender holds the send lock for clapiCloseAnswerSeconds the connection
+// is ended instead (-102).
 int clapiCloseConnection(kvlGatewayToken* conn);
 
 int getHostInfo(const char* address, int32_t port, platformAddress* hostInfo);

@@ -99,8 +99,9 @@ int clapiDeleteGatewayToken(kvlGatewayToken** gwTokPtr, int32_t closeTimeout, bo
 // Closes and deletes every token without waiting; always 0.
 int clapiDeleteGatewayTokens();
 
-// Seconds a close waits for the Gateway to answer the close request before it
-// shuts the socket down itself (tests shorten it).
+// Seconds a close waits for the Gateway to answer the close request, or for a
+// sender stuck on a Gateway that does not read, before it shuts the socket
+// down itself (tests shorten it).
 extern uint32_t clapiCloseAnswerSeconds;
 
 // --- Within the module --------------------------------------------------------

@@ -30,6 +30,20 @@ int clapiRequestLock(clapiLock* lockPtr) {
     return 0;
 }
 
+int clapiRequestLockWithin(clapiLock* lockPtr, uint32_t milliseconds) {
+    if (lockPtr->initMarker != CLAPI_LOCK_INITIALISED) {
+        CLAPI_TRACE_UNLOCKED(EXC, 3104, "clapi_lock.clapiRequestLock(lockPtr=%p) Lock not initialized\n", (void*)lockPtr);
+        return -1;
+    }
+    // Polled: a held lock here is the rare case (a sender stuck on a full socket).
+    constexpr uint32_t kStepMs = 10;
+    for (uint32_t waited = 0;; waited += kStepMs) {
+        if (platformMutexTryEnter(&lockPtr->section)) return 0;
+        if (waited >= milliseconds) return 1;
+        platformSleepMilliseconds(kStepMs);
+    }
+}
+
 int clapiReleaseLock(clapiLock* lockPtr) {
     if (lockPtr->initMarker != CLAPI_LOCK_INITIALISED) {
         CLAPI_TRACE_UNLOCKED(EXC, 3108, "clapi_lock.clapiReleaseLock(lockPtr=%p) Lock not initialized\n", (void*)lockPtr);

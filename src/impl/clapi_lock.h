@@ -21,6 +21,9 @@ int clapiInitLock(clapiLock* lockPtr);     // 0, or 1 when already initialised
 int clapiDestroyLock(clapiLock* lockPtr);  // 0 or -1
 int clapiRequestLock(clapiLock* lockPtr);  // 0 or -1
 int clapiReleaseLock(clapiLock* lockPtr);  // 0 or -1
+// As clapiRequestLock, but gives up after `milliseconds` while another thread
+// holds the lock: 0, 1 when the time ran out, -1 when the lock is not initialised.
+int clapiRequestLockWithin(clapiLock* lockPtr, uint32_t milliseconds);
 
 int clapiCreateEvent(clapiEvent* eventPtr);
 int clapiDeleteEvent(clapiEvent* eventPtr);

@@ -15,6 +15,8 @@ struct platformMutex {
 void platformMutexInit(platformMutex* m);
 void platformMutexDestroy(platformMutex* m);
 void platformMutexEnter(platformMutex* m);
+// Enters only when no other thread owns the mutex; true when it entered.
+bool platformMutexTryEnter(platformMutex* m);
 void platformMutexLeave(platformMutex* m);
 
 // ---------------------------------------------------------------------------

@@ -55,6 +55,7 @@ void platformMutexInit(platformMutex* m) {
 }
 void platformMutexDestroy(platformMutex* m) { pthread_mutex_destroy(mutexOf(m)); }
 void platformMutexEnter(platformMutex* m) { pthread_mutex_lock(mutexOf(m)); }
+bool platformMutexTryEnter(platformMutex* m) { return pthread_mutex_trylock(mutexOf(m)) == 0; }
 void platformMutexLeave(platformMutex* m) { pthread_mutex_unlock(mutexOf(m)); }
 
 platformEventHandle platformEventCreate() {

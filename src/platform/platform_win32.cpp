@@ -28,6 +28,7 @@ int failWith(DWORD err) {
 void platformMutexInit(platformMutex* m) { InitializeCriticalSection(sectionOf(m)); }
 void platformMutexDestroy(platformMutex* m) { DeleteCriticalSection(sectionOf(m)); }
 void platformMutexEnter(platformMutex* m) { EnterCriticalSection(sectionOf(m)); }
+bool platformMutexTryEnter(platformMutex* m) { return TryEnterCriticalSection(sectionOf(m)) != 0; }
 void platformMutexLeave(platformMutex* m) { LeaveCriticalSection(sectionOf(m)); }
 
 platformEventHandle platformEventCreate() {

@@ -4,6 +4,8 @@
 #include <chrono>
 #include <fstream>
 
+#include "kvl_channel.h"
+
 using namespace gwtest;
 namespace wire = kvlemu::wire;
 
@@ -211,6 +213,34 @@ TEST_F(ScriptedReceiverTest, AnUnknownReplyTypeFailsItsRequest) {
     ASSERT_TRUE(gateway_.send(gatewayFlow(wire::kFlowReply, c->messageId, "XYZ", {})));
     EXPECT_EQ(c->finish(), KVL_ERR_SYSTEM_ERROR);
     EXPECT_EQ(CONN_CONNECTED, token_->connStatus.load());
+}
+
+// A Gateway that stops reading leaves a large request stuck in send(), holding
+// the send lock; a purge must still end, and end that call too.
+TEST_F(ScriptedReceiverTest, APurgeEndsACallStuckSendingToAGatewayThatDoesNotRead) {
+    clapiCloseAnswerSeconds = 1;
+    chanTok channel = nullptr;
+    ASSERT_EQ(ECI_createChannel("BIGCHAN", &channel), ECI_NO_ERROR);
+    const std::string data(64u << 20, 'x');  // far more than the socket buffers hold
+    ASSERT_EQ(ECI_createContainer(channel, "DATA", ECI_BIT, 0, data.data(), data.size()), ECI_NO_ERROR);
+    auto stuck = std::async(std::launch::async, [&] {
+        EciParms p{};
+        p.eci_call_type = ECI_SYNC;
+        p.eci_version = 6;
+        memcpy(p.eci_program, "CHANPROG", 8);
+        p.eci_channel = channel;
+        return KVL_ECI_Execute_Channel(token_, &p);
+    });
+    EXPECT_EQ(std::future_status::timeout, stuck.wait_for(std::chrono::milliseconds(500))) << "the send went through";
+    auto purge = std::async(std::launch::async, [&] { return KVL_purgeGatewayConnection(&token_, 1); });
+    bool ended = purge.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    if (!ended) gateway_.closePeer();  // frees the sender, so that the test itself ends
+    ASSERT_TRUE(ended) << "the purge waited for the stuck sender";
+    EXPECT_EQ(KVL_OK, purge.get());
+    EXPECT_EQ(nullptr, token_);
+    ASSERT_EQ(std::future_status::ready, stuck.wait_for(std::chrono::seconds(10)));
+    EXPECT_LT(stuck.get(), 0);
+    EXPECT_EQ(ECI_deleteChannel(&channel), ECI_NO_ERROR);
 }
 
 TEST_F(ScriptedReceiverTest, ACloseTheGatewayNeverAnswersStillEnds) {
