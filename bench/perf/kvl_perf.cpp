@@ -649,12 +649,48 @@ int childMain(int argc, char** argv) {
     return 0;
 }
 
+// The cases by the names --only takes.
+struct Case {
+    const char* name;
+    std::function<void()> run;
+};
+
+// True when `name` is one of the comma-separated names in `list`.
+bool listed(const std::string& list, const char* name) {
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find(',', start);
+        if (end == std::string::npos) end = list.size();
+        if (list.compare(start, end - start, name) == 0) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+void usage() {
+    fprintf(stderr,
+            "usage: kvl_perf [--quick] [--only CASE[,CASE...]]\n"
+            "cases: sync throughput channel async idle syscalls emulator tls\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     raiseFileLimit();
     if (argc > 1 && strncmp(argv[1], "--", 2) == 0 && strstr(argv[1], "-child")) return childMain(argc, argv);
-    if (argc > 1 && strcmp(argv[1], "--quick") == 0) {
+    bool quick = false;
+    std::string only;  // "": every case
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--quick") == 0) {
+            quick = true;
+        } else if (strcmp(argv[i], "--only") == 0 && i + 1 < argc) {
+            only = argv[++i];
+        } else {
+            usage();
+            return 2;
+        }
+    }
+    if (quick) {
         cfg.rounds = 3;
         cfg.syncCalls = 300;
         cfg.throughputMs = 50;
@@ -668,7 +704,7 @@ int main(int argc, char** argv) {
     int fastPort = spawn([](int fd) { runFastGateway(fd); });
     int emuPort = spawn(serveEmulator);
     int tlsPort = -1;
-    if (KVL_EXT_tlsAvailable() && kvlemu::Emulator::tlsAvailable()) {
+    if ((only.empty() || listed(only, "tls")) && KVL_EXT_tlsAvailable() && kvlemu::Emulator::tlsAvailable()) {
         tlsDir = makeTlsCertificate();
         if (!tlsDir.empty()) tlsPort = spawn(serveTlsEmulator);
     }
@@ -681,16 +717,27 @@ int main(int argc, char** argv) {
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     self[n > 0 ? n : 0] = '\0';
 
+    const Case cases[] = {
+        {"sync", [&] { syncLatency(fastPort); }},
+        {"throughput", [&] { throughput(fastPort); }},
+        {"channel", [&] { channelRoundTrip(fastPort); }},
+        {"async", [&] { asyncDepths(fastPort); }},
+        {"idle", [&] { idleConnections(self, fastPort); }},
+        {"syscalls", [&] { syscallsPerCall(self, fastPort); }},
+        {"emulator", [&] { emulatorVsFast(fastPort, emuPort); }},
+        {"tls", [&] { tlsVsPlain(emuPort, tlsPort); }},
+    };
+    int chosen = 0;
+    for (const Case& c : cases) chosen += only.empty() || listed(only, c.name) ? 1 : 0;
+    if (chosen == 0) {
+        usage();
+        stopChildren();
+        return 2;
+    }
     printf("kvlclient performance suite: library vs raw floor, same run, %d rounds interleaved\n", cfg.rounds);
     printf("  %-46s %10s %10s %9s  %-10s %s\n", "figure", "library", "floor", "ratio", "target", "");
-    syncLatency(fastPort);
-    throughput(fastPort);
-    channelRoundTrip(fastPort);
-    asyncDepths(fastPort);
-    idleConnections(self, fastPort);
-    syscallsPerCall(self, fastPort);
-    emulatorVsFast(fastPort, emuPort);
-    tlsVsPlain(emuPort, tlsPort);
+    for (const Case& c : cases)
+        if (only.empty() || listed(only, c.name)) c.run();
     stopChildren();
     if (!tlsDir.empty()) system(("rm -rf " + tlsDir).c_str());
     printf("\ntargets: %d met, %d not met\n", targetsMet, targetsMissed);
