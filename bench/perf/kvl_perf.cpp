@@ -47,7 +47,7 @@ Settings cfg;
 
 std::vector<pid_t> children;
 
-int spawn(const std::function<void(int)>& serve) {
+int spawn(const std::function<void(int)>& serve, pid_t* child = nullptr) {
     int fds[2];
     if (pipe(fds) != 0) return -1;
     pid_t pid = fork();
@@ -61,6 +61,7 @@ int spawn(const std::function<void(int)>& serve) {
     if (pid < 0 || read(fds[0], &port, sizeof port) != sizeof port) port = -1;
     close(fds[0]);
     if (pid > 0) children.push_back(pid);
+    if (child) *child = pid;
     return port;
 }
 
@@ -528,6 +529,10 @@ void syscallsPerCall(const char* self, int port) {
     row("system calls per call", per[0], per[1], per[0] / per[1]);
 }
 
+// The children serving each port, for their CPU time.
+pid_t fastPid = -1;
+pid_t emuPid = -1;
+
 void emulatorVsFast(int fastPort, int emuPort) {
     heading("Sync echo through the emulator vs the minimal Gateway, library on both (us, p50)");
     gwTok toFast = libOpen(fastPort);
@@ -538,11 +543,14 @@ void emulatorVsFast(int fastPort, int emuPort) {
     }
     for (uint32_t size : {100u, 32000u}) {
         std::vector<uint8_t> area(size, 'e');
+        std::vector<double> cpuEmu, cpuFast;
         // "library" here is the emulator, "floor" the minimal Gateway.
         Series s = interleave(cfg.rounds, [&](bool emulator) {
             gwTok t = emulator ? toEmu : toFast;
+            const pid_t server = emulator ? emuPid : fastPid;
             for (int i = 0; i < 20; ++i) libCall(t, area.data(), size);
             std::vector<double> lat;
+            const int64_t cpu0 = processCpuNs(server);
             for (int i = 0; i < cfg.syncCalls / 2; ++i) {
                 int64_t t0 = nowNs();
                 if (!libCall(t, area.data(), size)) {
@@ -551,10 +559,18 @@ void emulatorVsFast(int fastPort, int emuPort) {
                 }
                 lat.push_back(static_cast<double>(nowNs() - t0) / 1000.0);
             }
+            const int64_t cpu1 = processCpuNs(server);
+            if (cpu0 >= 0 && cpu1 >= 0)
+                (emulator ? cpuEmu : cpuFast).push_back(static_cast<double>(cpu1 - cpu0) / 1000.0 / (cfg.syncCalls / 2));
             return median(lat);
         });
-        row("emulator / minimal Gateway, " + std::to_string(size) + " B", s.libMedian(), s.rawMedian(),
-            s.ratioMedian(), 1.5);
+        const std::string tag = std::to_string(size) + " B";
+        row("emulator / minimal Gateway, " + tag, s.libMedian(), s.rawMedian(), s.ratioMedian(), 1.5);
+        // The servers' own CPU per echo: what the emulator costs, without the
+        // scheduling noise that moves a latency on a shared machine.
+        if (!cpuEmu.empty() && !cpuFast.empty())
+            row("server CPU per echo, " + tag, median(cpuEmu), median(cpuFast),
+                median(cpuFast) > 0 ? median(cpuEmu) / median(cpuFast) : NAN);
     }
     KVL_closeGatewayConnection(&toFast);
     KVL_closeGatewayConnection(&toEmu);
@@ -701,8 +717,8 @@ int main(int argc, char** argv) {
         cfg.channelBytes = 1u << 20;
     }
     // The servers are forked before this process starts any thread.
-    int fastPort = spawn([](int fd) { runFastGateway(fd); });
-    int emuPort = spawn(serveEmulator);
+    int fastPort = spawn([](int fd) { runFastGateway(fd); }, &fastPid);
+    int emuPort = spawn(serveEmulator, &emuPid);
     int tlsPort = -1;
     if ((only.empty() || listed(only, "tls")) && KVL_EXT_tlsAvailable() && kvlemu::Emulator::tlsAvailable()) {
         tlsDir = makeTlsCertificate();
