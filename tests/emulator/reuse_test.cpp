@@ -71,7 +71,8 @@ TEST_F(EmulatorTest, ARequestAfterALargerOneCarriesNothingOfIt) {
 
 TEST_F(EmulatorTest, ReaderAndWorkerProgramsPipelinedKeepTheirOwnBytes) {
     // Workers finish at staggered times while the reader keeps serving the
-    // requests behind them: each must answer from its own buffers.
+    // requests behind them: each must answer from its own buffers (a worker
+    // touching the reader's is a data race the ThreadSanitizer build reports).
     emu.registerProgram(
         "SLOWECHO",
         [](const ProgramCall& call) {

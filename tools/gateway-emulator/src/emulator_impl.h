@@ -159,8 +159,9 @@ struct Emulator::Impl {
     void answerListSystems(const std::shared_ptr<Connection>& conn, const wire::Header& header,
                            const wire::EciRequest& request);
     void answerEsi(const std::shared_ptr<Connection>& conn, const wire::Header& header, const wire::EsiRequest& request);
-    // Server for a request's server field: the default one when blank. rc 0 or -3/-22.
-    int32_t route(const std::string& serverField, ServerInfo& out);  // under m
+    // Server for a request's server field: the default one when blank. rc 0 or
+    // -3/-22. *out points into `servers`: valid while m is held.
+    int32_t route(const std::string& serverField, const ServerInfo** out);  // under m
 };
 
 // Flows the emulator sends on its own.

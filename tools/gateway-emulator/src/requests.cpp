@@ -66,16 +66,16 @@ wire::EciReply programReply(const wire::EciRequest& req, const std::optional<wir
 
 }  // namespace
 
-int32_t Emulator::Impl::route(const std::string& serverField, ServerInfo& out) {
+int32_t Emulator::Impl::route(const std::string& serverField, const ServerInfo** out) {
     std::string name = wire::fieldText(serverField);
     if (name.empty()) {
         if (servers.empty()) return rc::kNoServer;
-        out = servers.front();
+        *out = &servers.front();
         return 0;
     }
     for (const auto& s : servers)
         if (s.name == name) {
-            out = s;
+            *out = &s;
             return 0;
         }
     return rc::kUnknownServer;
@@ -136,10 +136,10 @@ void Emulator::Impl::startEciCall(const std::shared_ptr<Connection>& conn, const
     {
         std::lock_guard<std::mutex> lock(m);
         fault = takeTrigger(program);
-        ServerInfo server;
-        failure = route(req.serverName, server);
-        call->server = server.name;
-        if (failure == 0 && server.checkSecurity) {
+        const ServerInfo* server = nullptr;
+        failure = route(req.serverName, &server);
+        if (server) call->server = server->name;
+        if (failure == 0 && server->checkSecurity) {
             auto u = users.find(call->userid);
             if (u == users.end() || u->second.revoked || u->second.expired || u->second.password != call->password)
                 failure = rc::kSecurityError;
@@ -313,7 +313,7 @@ void Emulator::Impl::answerEsi(const std::shared_ptr<Connection>& conn, const wi
         std::lock_guard<std::mutex> lock(m);
         fault = takeTrigger(kTriggerEsi);
         const std::string userid = wire::fieldText(req.userid);
-        ServerInfo server;
+        const ServerInfo* server = nullptr;
         auto u = users.find(userid);
         if (userid.empty()) {
             reply.rc = rc::kEsiNullUserid;
@@ -323,7 +323,7 @@ void Emulator::Impl::answerEsi(const std::shared_ptr<Connection>& conn, const wi
             reply.rc = rc::kEsiNullNewPassword;
         } else if (req.type != 0 && req.type != 1) {
             reply.rc = -9;
-        } else if (int32_t routed = route(req.server, server); routed != 0) {
+        } else if (int32_t routed = route(req.server, &server); routed != 0) {
             reply.rc = routed;
         } else if (u == users.end()) {
             reply.rc = rc::kEsiUseridInvalid;

@@ -62,9 +62,11 @@ bool getBytes(Source& src, size_t n, Bytes& out) {
 }
 
 bool getText(Source& src, size_t n, std::string& out) {
-    Bytes b;
-    if (!getBytes(src, n, b)) return false;
-    out.assign(b.begin(), b.end());
+    if (n > src.remaining()) return false;
+    // Straight into the string: no block in between for a field of a few bytes.
+    std::string text(n, '\0');
+    if (n > 0 && !src.take(reinterpret_cast<uint8_t*>(text.data()), n)) return false;
+    out = std::move(text);
     return true;
 }
 
@@ -74,7 +76,9 @@ void Writer::u16(uint16_t v) {
 }
 
 void Writer::u32(uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) out_.push_back(static_cast<uint8_t>(v >> shift));
+    const uint8_t b[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 8),
+                          static_cast<uint8_t>(v)};
+    out_.insert(out_.end(), b, b + 4);
 }
 
 void Writer::patchU32(size_t offset, uint32_t v) {
