@@ -43,9 +43,10 @@ struct Connection {
     std::atomic<bool> dropped{false};  // shut down; nothing more is sent
 
     // Only the reader touches these: buffers handed from one request to the
-    // next, so that a request served on the reader allocates nothing of its
-    // COMMAREA's size (freeing such blocks makes the allocator give pages back
-    // to the system, and taking them again costs a page fault each).
+    // next, so that a request served on the reader takes no block of its
+    // COMMAREA's size but the program's own output (freeing several such blocks
+    // per request made the allocator give pages back to the system, and taking
+    // them again cost a page fault each).
     wire::Bytes spareArea;   // decodes the next request's COMMAREA
     wire::Bytes spareReply;  // encodes the next reply
 
