@@ -47,7 +47,7 @@ Settings cfg;
 
 std::vector<pid_t> children;
 
-int spawn(const std::function<void(int)>& serve) {
+int spawn(const std::function<void(int)>& serve, pid_t* child = nullptr) {
     int fds[2];
     if (pipe(fds) != 0) return -1;
     pid_t pid = fork();
@@ -61,6 +61,7 @@ int spawn(const std::function<void(int)>& serve) {
     if (pid < 0 || read(fds[0], &port, sizeof port) != sizeof port) port = -1;
     close(fds[0]);
     if (pid > 0) children.push_back(pid);
+    if (child) *child = pid;
     return port;
 }
 
@@ -528,6 +529,10 @@ void syscallsPerCall(const char* self, int port) {
     row("system calls per call", per[0], per[1], per[0] / per[1]);
 }
 
+// The children serving each port, for their CPU time.
+pid_t fastPid = -1;
+pid_t emuPid = -1;
+
 void emulatorVsFast(int fastPort, int emuPort) {
     heading("Sync echo through the emulator vs the minimal Gateway, library on both (us, p50)");
     gwTok toFast = libOpen(fastPort);
@@ -538,11 +543,14 @@ void emulatorVsFast(int fastPort, int emuPort) {
     }
     for (uint32_t size : {100u, 32000u}) {
         std::vector<uint8_t> area(size, 'e');
+        std::vector<double> cpuEmu, cpuFast;
         // "library" here is the emulator, "floor" the minimal Gateway.
         Series s = interleave(cfg.rounds, [&](bool emulator) {
             gwTok t = emulator ? toEmu : toFast;
+            const pid_t server = emulator ? emuPid : fastPid;
             for (int i = 0; i < 20; ++i) libCall(t, area.data(), size);
             std::vector<double> lat;
+            const int64_t cpu0 = processCpuNs(server);
             for (int i = 0; i < cfg.syncCalls / 2; ++i) {
                 int64_t t0 = nowNs();
                 if (!libCall(t, area.data(), size)) {
@@ -551,10 +559,18 @@ void emulatorVsFast(int fastPort, int emuPort) {
                 }
                 lat.push_back(static_cast<double>(nowNs() - t0) / 1000.0);
             }
+            const int64_t cpu1 = processCpuNs(server);
+            if (cpu0 >= 0 && cpu1 >= 0)
+                (emulator ? cpuEmu : cpuFast).push_back(static_cast<double>(cpu1 - cpu0) / 1000.0 / (cfg.syncCalls / 2));
             return median(lat);
         });
-        row("emulator / minimal Gateway, " + std::to_string(size) + " B", s.libMedian(), s.rawMedian(),
-            s.ratioMedian(), 1.5);
+        const std::string tag = std::to_string(size) + " B";
+        row("emulator / minimal Gateway, " + tag, s.libMedian(), s.rawMedian(), s.ratioMedian(), 1.5);
+        // The servers' own CPU per echo: what the emulator costs, without the
+        // scheduling noise that moves a latency on a shared machine.
+        if (!cpuEmu.empty() && !cpuFast.empty())
+            row("server CPU per echo, " + tag, median(cpuEmu), median(cpuFast),
+                median(cpuFast) > 0 ? median(cpuEmu) / median(cpuFast) : NAN);
     }
     KVL_closeGatewayConnection(&toFast);
     KVL_closeGatewayConnection(&toEmu);
@@ -649,15 +665,48 @@ int childMain(int argc, char** argv) {
     return 0;
 }
 
+// The cases by the names --only takes.
+struct Case {
+    const char* name;
+    std::function<void()> run;
+};
+
+// True when `name` is one of the comma-separated names in `list`.
+bool listed(const std::string& list, const char* name) {
+    size_t start = 0;
+    while (start <= list.size()) {
+        size_t end = list.find(',', start);
+        if (end == std::string::npos) end = list.size();
+        if (list.compare(start, end - start, name) == 0) return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+void usage() {
+    fprintf(stderr,
+            "usage: kvl_perf [--quick] [--only CASE[,CASE...]]\n"
+            "cases: sync throughput channel async idle syscalls emulator tls\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     raiseFileLimit();
     if (argc > 1 && strncmp(argv[1], "--", 2) == 0 && strstr(argv[1], "-child")) return childMain(argc, argv);
-    // --tls-only: the TLS figures alone (after --quick, when both are given), for profiling the TLS path.
-    bool tlsOnly = false;
-    for (int i = 1; i < argc; ++i) tlsOnly = tlsOnly || strcmp(argv[i], "--tls-only") == 0;
-    if (argc > 1 && strcmp(argv[1], "--quick") == 0) {
+    bool quick = false;
+    std::string only;  // "": every case
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--quick") == 0) {
+            quick = true;
+        } else if (strcmp(argv[i], "--only") == 0 && i + 1 < argc) {
+            only = argv[++i];
+        } else {
+            usage();
+            return 2;
+        }
+    }
+    if (quick) {
         cfg.rounds = 3;
         cfg.syncCalls = 300;
         cfg.throughputMs = 50;
@@ -668,10 +717,10 @@ int main(int argc, char** argv) {
         cfg.channelBytes = 1u << 20;
     }
     // The servers are forked before this process starts any thread.
-    int fastPort = spawn([](int fd) { runFastGateway(fd); });
-    int emuPort = spawn(serveEmulator);
+    int fastPort = spawn([](int fd) { runFastGateway(fd); }, &fastPid);
+    int emuPort = spawn(serveEmulator, &emuPid);
     int tlsPort = -1;
-    if (KVL_EXT_tlsAvailable() && kvlemu::Emulator::tlsAvailable()) {
+    if ((only.empty() || listed(only, "tls")) && KVL_EXT_tlsAvailable() && kvlemu::Emulator::tlsAvailable()) {
         tlsDir = makeTlsCertificate();
         if (!tlsDir.empty()) tlsPort = spawn(serveTlsEmulator);
     }
@@ -684,18 +733,27 @@ int main(int argc, char** argv) {
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     self[n > 0 ? n : 0] = '\0';
 
+    const Case cases[] = {
+        {"sync", [&] { syncLatency(fastPort); }},
+        {"throughput", [&] { throughput(fastPort); }},
+        {"channel", [&] { channelRoundTrip(fastPort); }},
+        {"async", [&] { asyncDepths(fastPort); }},
+        {"idle", [&] { idleConnections(self, fastPort); }},
+        {"syscalls", [&] { syscallsPerCall(self, fastPort); }},
+        {"emulator", [&] { emulatorVsFast(fastPort, emuPort); }},
+        {"tls", [&] { tlsVsPlain(emuPort, tlsPort); }},
+    };
+    int chosen = 0;
+    for (const Case& c : cases) chosen += only.empty() || listed(only, c.name) ? 1 : 0;
+    if (chosen == 0) {
+        usage();
+        stopChildren();
+        return 2;
+    }
     printf("kvlclient performance suite: library vs raw floor, same run, %d rounds interleaved\n", cfg.rounds);
     printf("  %-46s %10s %10s %9s  %-10s %s\n", "figure", "library", "floor", "ratio", "target", "");
-    if (!tlsOnly) {
-        syncLatency(fastPort);
-        throughput(fastPort);
-        channelRoundTrip(fastPort);
-        asyncDepths(fastPort);
-        idleConnections(self, fastPort);
-        syscallsPerCall(self, fastPort);
-        emulatorVsFast(fastPort, emuPort);
-    }
-    tlsVsPlain(emuPort, tlsPort);
+    for (const Case& c : cases)
+        if (only.empty() || listed(only, c.name)) c.run();
     stopChildren();
     if (!tlsDir.empty()) system(("rm -rf " + tlsDir).c_str());
     printf("\ntargets: %d met, %d not met\n", targetsMet, targetsMissed);

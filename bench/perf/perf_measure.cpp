@@ -93,6 +93,25 @@ int64_t threadWakeups() {
     return total;
 }
 
+int64_t processCpuNs(int pid) {
+    char dir[64];
+    snprintf(dir, sizeof dir, "/proc/%d/task", pid);
+    DIR* d = opendir(dir);
+    if (!d) return -1;
+    int64_t total = 0;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] == '.') continue;
+        char path[400];
+        snprintf(path, sizeof path, "%s/%s/schedstat", dir, e->d_name);
+        FILE* f = fopen(path, "r");
+        long long onCpu = 0;
+        if (f && fscanf(f, "%lld", &onCpu) == 1) total += onCpu;
+        if (f) fclose(f);
+    }
+    closedir(d);
+    return total;
+}
+
 uint64_t allocations() { return allocationCount.load(std::memory_order_relaxed); }
 
 double percentile(std::vector<double> v, double p) {

@@ -1,4 +1,6 @@
 // The emulator's own codecs against the worked byte examples of the protocol.
+#include <algorithm>
+
 #include "emu_fixture.h"
 
 using namespace kvlemu::wire;
@@ -313,4 +315,73 @@ TEST(WireException, BodyIsPadByteLengthAndText) {
     std::string t, error;
     ASSERT_TRUE(decodeExceptionBody(src, t, error));
     EXPECT_EQ(t, "oops");
+}
+
+TEST(WireEciReply, OneBufferFlowIsHeaderPlusBodyWhateverTheBufferHeldBefore) {
+    EciReply full;
+    full.luwToken = 0x1002;
+    full.commareaLength = 300;
+    full.commarea = Bytes(300, 0x61);
+    EciReply counted = full;
+    counted.explicitCount = true;
+    counted.count = 7;
+    counted.commarea = Bytes(7, 0x62);
+    EciReply channel;
+    channel.channel = Channel{nameField("CHAN"), 37, {}};
+    Container c;
+    c.name = nameField("DATA");
+    c.state = kContainerModified;
+    c.data = text("container data");
+    c.dataLength = static_cast<uint32_t>(c.data.size());
+    channel.channel->containers.push_back(c);
+    EciReply list;
+    list.requestType = kEciListSystems;
+    list.listParm = 1;
+    list.commarea = encodeSystemEntry("SRV1", "one");
+
+    const Header h = header(kFlowReply, 42, "ECI");
+    for (const EciReply* r : {&full, &counted, &channel, &list}) {
+        const Bytes expected = encodeFlow(h, encodeEciReplyBody(*r));
+        EXPECT_EQ(encodeEciReplyFlow(h, *r), expected);
+        // A buffer that held a longer flow before: nothing of it may stay.
+        EXPECT_EQ(encodeEciReplyFlow(h, *r, Bytes(5000, 0xEE)), expected);
+    }
+}
+
+namespace {
+// A source that only knows take(): append() falls back on it.
+class TakeOnlySource : public Source {
+public:
+    explicit TakeOnlySource(Bytes data) : data_(std::move(data)) {}
+    bool take(uint8_t* dst, size_t n) override {
+        if (n > data_.size() - pos_) return false;
+        std::copy_n(data_.begin() + static_cast<std::ptrdiff_t>(pos_), n, dst);
+        pos_ += n;
+        return true;
+    }
+    // Claims more than it holds, as a flow whose body is cut short does.
+    uint64_t remaining() const override { return data_.size() - pos_ + 100; }
+
+private:
+    Bytes data_;
+    size_t pos_ = 0;
+};
+}  // namespace
+
+TEST(WireIo, GetBytesReplacesWhatTheBufferHeldAndLeavesItEmptyWhenCutShort) {
+    Bytes out(64, 0xEE);  // a buffer handed on from an earlier, longer field
+    const Bytes data = text("abcdef");
+    MemorySource mem(data);
+    ASSERT_TRUE(getBytes(mem, 4, out));
+    EXPECT_EQ(out, text("abcd"));
+    EXPECT_FALSE(getBytes(mem, 3, out));  // two left
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(mem.remaining(), 2u);  // a refused length takes nothing
+
+    TakeOnlySource takeOnly(text("xyz"));
+    Bytes viaTake(10, 0xEE);
+    ASSERT_TRUE(getBytes(takeOnly, 2, viaTake));
+    EXPECT_EQ(viaTake, text("xy"));
+    EXPECT_FALSE(getBytes(takeOnly, 5, viaTake));  // within remaining(), past the data
+    EXPECT_TRUE(viaTake.empty());
 }

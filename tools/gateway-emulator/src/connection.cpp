@@ -1,5 +1,6 @@
 // One connection's reader: takes flows off the socket one at a time, records
 // them, and hands requests on. A malformed flow closes the connection.
+#include <algorithm>
 #include <cstring>
 
 #include "emulator_impl.h"
@@ -17,6 +18,18 @@ public:
 
     // False when the stream ended (or failed) before any byte of a new flow.
     bool more() { return len_ > pos_ || fill(); }
+
+    // Appends n bytes to `out` straight from the buffer.
+    bool append(wire::Bytes& out, size_t n) {
+        while (n > 0) {
+            if (pos_ == len_ && !fill()) return false;
+            size_t k = std::min(n, len_ - pos_);
+            out.insert(out.end(), buf_.data() + pos_, buf_.data() + pos_ + k);
+            pos_ += k;
+            n -= k;
+        }
+        return true;
+    }
 
     bool read(uint8_t* dst, size_t n) {
         while (n > 0) {
@@ -45,14 +58,22 @@ private:
     size_t len_ = 0;
 };
 
-// Bytes of one flow: at most `budget` of them, each appended to the record.
+// Bytes of one flow: at most `budget` of them, each appended to `raw` unless
+// that is null (nothing looks at the raw bytes).
 class FlowSource : public wire::Source {
 public:
-    FlowSource(StreamReader& in, wire::Bytes& raw, uint64_t budget) : in_(in), raw_(raw), budget_(budget) {}
+    FlowSource(StreamReader& in, wire::Bytes* raw, uint64_t budget) : in_(in), raw_(raw), budget_(budget) {}
 
     bool take(uint8_t* dst, size_t n) override {
         if (n > budget_ || !in_.read(dst, n)) return false;
-        raw_.insert(raw_.end(), dst, dst + n);
+        if (raw_) raw_->insert(raw_->end(), dst, dst + n);
+        budget_ -= n;
+        return true;
+    }
+    bool append(wire::Bytes& out, size_t n) override {
+        const size_t at = out.size();
+        if (n > budget_ || !in_.append(out, n)) return false;
+        if (raw_) raw_->insert(raw_->end(), out.begin() + static_cast<std::ptrdiff_t>(at), out.end());
         budget_ -= n;
         return true;
     }
@@ -70,7 +91,7 @@ public:
 
 private:
     StreamReader& in_;
-    wire::Bytes& raw_;
+    wire::Bytes* raw_;
     uint64_t budget_;
 };
 
@@ -145,14 +166,19 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
         }
         RecordedFlow rec;
         rec.connection = conn->index;
-        FlowSource head(in, rec.raw, wire::kHeaderFixedSize + wire::kMaxRequestTypeLength);
+        const bool keepRaw = keepsRawFlows();
+        wire::Bytes* raw = keepRaw ? &rec.raw : nullptr;
+        FlowSource head(in, raw, wire::kHeaderFixedSize + wire::kMaxRequestTypeLength);
         std::string error;
         bool ok = wire::decodeHeader(head, rec.header, error);
         if (ok && rec.header.bodyLength > maxBody) {
             error = "body length " + std::to_string(rec.header.bodyLength) + " above the limit";
             ok = false;
         }
-        FlowSource body(in, rec.raw, ok ? rec.header.bodyLength : 0);
+        // Room for the body at once rather than by doubling; a declared length
+        // is not trusted beyond what the read buffer holds.
+        if (ok && keepRaw) rec.raw.reserve(rec.raw.size() + std::min<size_t>(rec.header.bodyLength, kReadChunk));
+        FlowSource body(in, raw, ok ? rec.header.bodyLength : 0);
         // Bytes the client declares but does not send (four per container of a channel request).
         uint64_t allowance = 0;
 
@@ -170,6 +196,8 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
                 case wire::kFlowRequest:
                     if (startsWith(h.requestType, "ECI")) {
                         rec.eci.emplace();
+                        rec.eci->commarea = std::move(conn->spareArea);
+                        rec.eci->commarea.clear();  // its capacity serves; nothing of the last request stays
                         ok = wire::decodeEciRequestBody(body, *rec.eci, error);
                         rec.kind = rec.eci->isCall()                              ? RecordedFlow::Kind::EciCall
                                    : rec.eci->requestType == wire::kEciListSystems ? RecordedFlow::Kind::ListSystems
@@ -190,7 +218,7 @@ void Emulator::Impl::serve(std::shared_ptr<Connection> conn) {
             ok = false;
         }
         rec.bodyBytesRead = ok ? static_cast<uint32_t>(h.bodyLength - body.remaining()) : 0;
-        tap(*conn, true, rec.raw);
+        if (keepRaw) tap(*conn, true, rec.raw);
         if (!ok) {
             rec.kind = RecordedFlow::Kind::Malformed;
             rec.error = error;

@@ -332,6 +332,7 @@ void Emulator::setLog(LogSink sink, int verbosity) {
 void Emulator::setFlowTap(FlowTap tap) {
     std::lock_guard<std::mutex> lock(impl_->logMutex);
     impl_->flowTap = std::move(tap);
+    impl_->tapping = static_cast<bool>(impl_->flowTap);
 }
 
 void Emulator::setReplySource(ReplySource source) {
@@ -340,6 +341,7 @@ void Emulator::setReplySource(ReplySource source) {
 }
 
 void Emulator::Impl::tap(const Connection& conn, bool inbound, const wire::Bytes& flow) {
+    if (!tapping) return;  // a tap set meanwhile sees the next flow
     std::lock_guard<std::mutex> lock(logMutex);
     if (flowTap) flowTap(conn.index, inbound, flow);
 }

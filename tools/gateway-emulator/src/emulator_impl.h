@@ -42,6 +42,14 @@ struct Connection {
     std::mutex sendMutex;
     std::atomic<bool> dropped{false};  // shut down; nothing more is sent
 
+    // Only the reader touches these: buffers handed from one request to the
+    // next, so that a request served on the reader takes no block of its
+    // COMMAREA's size but the program's own output (freeing several such blocks
+    // per request made the allocator give pages back to the system, and taking
+    // them again cost a page fault each).
+    wire::Bytes spareArea;   // decodes the next request's COMMAREA
+    wire::Bytes spareReply;  // encodes the next reply
+
     // Under Impl::m.
     std::map<int32_t, int> luws;  // open unit-of-work token -> calls so far
     std::thread reader;
@@ -70,11 +78,12 @@ struct Emulator::Impl {
     std::vector<ServerInfo> servers;
     std::map<std::string, User> users;
     uint32_t maxBodyLength = 16u * 1024 * 1024;
-    size_t recordLimit = static_cast<size_t>(-1);
+    std::atomic<size_t> recordLimit{static_cast<size_t>(-1)};  // written under m
     std::map<std::string, ProgramRuns> programRuns;  // absent: OnReader (built-ins)
     LogSink logSink;
     std::atomic<int> verbosity{0};
     FlowTap flowTap;          // under logMutex
+    std::atomic<bool> tapping{false};  // flowTap is set: a flow's bytes are worth keeping
     ReplySource replySource;  // under m
     struct Trigger {
         FaultRule rule;
@@ -122,6 +131,9 @@ struct Emulator::Impl {
     void passGate(const std::string& gate, std::function<void()> action);
     void releaseHeld(Gate& g);  // under m
     void tap(const Connection& conn, bool inbound, const wire::Bytes& flow);
+    // Whether anything looks at a received flow's raw bytes: the record, the
+    // tap or a hex dump. When nothing does, the reader does not copy them.
+    bool keepsRawFlows() const { return recordLimit > 0 || tapping || verbosity >= 3; }
 
     // connection.cpp
     void serve(std::shared_ptr<Connection> conn);
@@ -142,12 +154,15 @@ struct Emulator::Impl {
     bool injectNow(Connection& conn, const Fault& fault);
 
     // requests.cpp
+    // Called by the connection's reader; the request's COMMAREA buffer goes back
+    // to conn->spareArea when the program ran on the reader.
     void startEciCall(const std::shared_ptr<Connection>& conn, const wire::Header& header, wire::EciRequest request);
     void answerListSystems(const std::shared_ptr<Connection>& conn, const wire::Header& header,
                            const wire::EciRequest& request);
     void answerEsi(const std::shared_ptr<Connection>& conn, const wire::Header& header, const wire::EsiRequest& request);
-    // Server for a request's server field: the default one when blank. rc 0 or -3/-22.
-    int32_t route(const std::string& serverField, ServerInfo& out);  // under m
+    // Server for a request's server field: the default one when blank. rc 0 or
+    // -3/-22. *out points into `servers`: valid while m is held.
+    int32_t route(const std::string& serverField, const ServerInfo** out);  // under m
 };
 
 // Flows the emulator sends on its own.

@@ -27,7 +27,17 @@ wire::EciReply failedReply(const wire::EciRequest& req, int32_t code, const std:
     return r;
 }
 
-wire::EciReply programReply(const wire::EciRequest& req, ProgramResult& result) {
+// Buffers a connection keeps between requests are kept only up to this size,
+// so that one large flow does not pin its memory for the connection's life.
+constexpr size_t kSpareLimit = 256 * 1024;
+
+void keepSpare(wire::Bytes& spare, wire::Bytes&& buffer) {
+    if (buffer.capacity() <= kSpareLimit && buffer.capacity() > spare.capacity()) spare = std::move(buffer);
+}
+
+// The program's output becomes the reply: its COMMAREA is moved, not copied.
+wire::EciReply programReply(const wire::EciRequest& req, const std::optional<wire::Channel>& requestChannel,
+                            ProgramResult& result) {
     wire::EciReply r;
     r.requestType = req.requestType;
     r.rc = result.rc;
@@ -36,16 +46,17 @@ wire::EciReply programReply(const wire::EciRequest& req, ProgramResult& result) 
     if (req.carriesCommarea()) {
         int32_t n = result.returnLength < 0 ? req.commareaLength : std::min(result.returnLength, req.commareaLength);
         if (req.inboundLength > 0) n = std::min(n, req.inboundLength);
-        result.commarea.resize(static_cast<size_t>(req.commareaLength), 0);
-        r.commarea.assign(result.commarea.begin(), result.commarea.begin() + n);
+        // What the program left short of n is zeros, as in the COMMAREA it was given.
+        r.commarea = std::move(result.commarea);
+        r.commarea.resize(static_cast<size_t>(n), 0);
         r.explicitCount = n < req.commareaLength;
         r.count = n;
     }
-    if (req.channel) {
+    if (requestChannel) {
         if (result.channel) {
             r.channel = std::move(result.channel);
         } else {
-            wire::Channel ch = *req.channel;
+            wire::Channel ch = *requestChannel;
             for (auto& c : ch.containers) c.state = wire::kContainerUnchanged;
             r.channel = std::move(ch);
         }
@@ -55,16 +66,16 @@ wire::EciReply programReply(const wire::EciRequest& req, ProgramResult& result) 
 
 }  // namespace
 
-int32_t Emulator::Impl::route(const std::string& serverField, ServerInfo& out) {
+int32_t Emulator::Impl::route(const std::string& serverField, const ServerInfo** out) {
     std::string name = wire::fieldText(serverField);
     if (name.empty()) {
         if (servers.empty()) return rc::kNoServer;
-        out = servers.front();
+        *out = &servers.front();
         return 0;
     }
     for (const auto& s : servers)
         if (s.name == name) {
-            out = s;
+            *out = &s;
             return 0;
         }
     return rc::kUnknownServer;
@@ -108,9 +119,11 @@ void Emulator::Impl::startEciCall(const std::shared_ptr<Connection>& conn, const
     call->commareaLength = req.commareaLength;
     call->inboundLength = req.inboundFlag ? req.inboundLength : 0;
     call->outboundLength = req.outboundFlag ? req.outboundLength : 0;
-    call->commarea = req.commarea;
+    // The request's COMMAREA and channel become the program's; nothing after
+    // this reads them from the request.
+    call->commarea = std::move(req.commarea);
     call->commarea.resize(static_cast<size_t>(req.commareaLength), 0);
-    call->channel = req.channel;
+    call->channel = std::move(req.channel);
     call->sleepFor = [this](int ms) { return sleepFor(ms); };
     call->waitGate = [this](const std::string& gate) { return waitGate(gate); };
 
@@ -123,10 +136,10 @@ void Emulator::Impl::startEciCall(const std::shared_ptr<Connection>& conn, const
     {
         std::lock_guard<std::mutex> lock(m);
         fault = takeTrigger(program);
-        ServerInfo server;
-        failure = route(req.serverName, server);
-        call->server = server.name;
-        if (failure == 0 && server.checkSecurity) {
+        const ServerInfo* server = nullptr;
+        failure = route(req.serverName, &server);
+        if (server) call->server = server->name;
+        if (failure == 0 && server->checkSecurity) {
             auto u = users.find(call->userid);
             if (u == users.end() || u->second.revoked || u->second.expired || u->second.password != call->password)
                 failure = rc::kSecurityError;
@@ -195,12 +208,16 @@ void Emulator::Impl::startEciCall(const std::shared_ptr<Connection>& conn, const
         note.rc = reply.rc;
         note.abend = failureAbend;
         note.outLength = reply.count;
-        deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault, note);
+        keepSpare(conn->spareArea, std::move(call->commarea));
+        deliver(conn, header, wire::encodeEciReplyFlow(replyHeader(header), reply), fault, note);
         return;
     }
 
-    auto job = [this, conn, header, req = std::move(req), call, fn = std::move(fn), fault, opensLuw,
-                note]() mutable {
+    // On the reader, the connection's spare buffers serve this request; a worker
+    // runs beside the reader and must not touch them.
+    const bool onReader = runs == ProgramRuns::OnReader;
+    auto job = [this, conn, header, req = std::move(req), call, fn = std::move(fn), fault, opensLuw, note,
+                onReader]() mutable {
         ProgramResult result;
         try {
             result = fn(*call);
@@ -209,7 +226,7 @@ void Emulator::Impl::startEciCall(const std::shared_ptr<Connection>& conn, const
             result.rc = rc::kTransactionAbend;
             result.abend = "EXCP";
         }
-        wire::EciReply reply = programReply(req, result);
+        wire::EciReply reply = programReply(req, call->channel, result);
         {
             std::lock_guard<std::mutex> lock(m);
             const bool inLuw = call->luwToken != 0;
@@ -233,8 +250,18 @@ void Emulator::Impl::startEciCall(const std::shared_ptr<Connection>& conn, const
         note.rc = reply.rc;
         note.abend = result.abend;
         note.outLength = req.carriesCommarea() ? reply.count : 0;
-        auto send = [this, conn, header, flow = wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)),
-                     fault, note, delay = result.delayMs]() {
+        wire::Bytes flow =
+            wire::encodeEciReplyFlow(replyHeader(header), reply, onReader ? std::move(conn->spareReply) : wire::Bytes{});
+        if (onReader) {
+            keepSpare(conn->spareArea, std::move(call->commarea));
+            keepSpare(conn->spareArea, std::move(reply.commarea));
+        }
+        if (result.gate.empty() && result.delayMs <= 0) {
+            deliver(conn, header, flow, fault, note);  // sent (or copied for a delay fault) before it returns
+            if (onReader) keepSpare(conn->spareReply, std::move(flow));
+            return;
+        }
+        auto send = [this, conn, header, flow = std::move(flow), fault, note, delay = result.delayMs]() {
             if (delay > 0)
                 timers.after(delay, [this, conn, header, flow, fault, note] { deliver(conn, header, flow, fault, note); });
             else
@@ -273,7 +300,7 @@ void Emulator::Impl::answerListSystems(const std::shared_ptr<Connection>& conn, 
     }
     note.rc = reply.rc;
     note.outLength = static_cast<int32_t>(reply.commarea.size());
-    deliver(conn, header, wire::encodeFlow(replyHeader(header), wire::encodeEciReplyBody(reply)), fault, note);
+    deliver(conn, header, wire::encodeEciReplyFlow(replyHeader(header), reply), fault, note);
 }
 
 void Emulator::Impl::answerEsi(const std::shared_ptr<Connection>& conn, const wire::Header& header,
@@ -286,7 +313,7 @@ void Emulator::Impl::answerEsi(const std::shared_ptr<Connection>& conn, const wi
         std::lock_guard<std::mutex> lock(m);
         fault = takeTrigger(kTriggerEsi);
         const std::string userid = wire::fieldText(req.userid);
-        ServerInfo server;
+        const ServerInfo* server = nullptr;
         auto u = users.find(userid);
         if (userid.empty()) {
             reply.rc = rc::kEsiNullUserid;
@@ -296,7 +323,7 @@ void Emulator::Impl::answerEsi(const std::shared_ptr<Connection>& conn, const wi
             reply.rc = rc::kEsiNullNewPassword;
         } else if (req.type != 0 && req.type != 1) {
             reply.rc = -9;
-        } else if (int32_t routed = route(req.server, server); routed != 0) {
+        } else if (int32_t routed = route(req.server, &server); routed != 0) {
             reply.rc = routed;
         } else if (u == users.end()) {
             reply.rc = rc::kEsiUseridInvalid;

@@ -58,7 +58,8 @@ bool Emulator::Impl::send(Connection& conn, const wire::Bytes& flow, const char*
         if (!conn.dropped) tap(conn, false, flow);
         ok = !conn.dropped && conn.stream->write(flow.data(), flow.size());
     }
-    log(2, sentLine(conn, flow, what) + (ok ? "" : " NOT SENT"), &flow);
+    // Read without logMutex: a stale level only costs one line. Quiet, no line is built.
+    if (verbosity >= 2) log(2, sentLine(conn, flow, what) + (ok ? "" : " NOT SENT"), &flow);
     return ok;
 }
 

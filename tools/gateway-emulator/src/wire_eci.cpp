@@ -179,6 +179,19 @@ bool decodeEciRequestBody(Source& src, EciRequest& r, std::string& error) {
 
 Bytes encodeEciReplyBody(const EciReply& r) {
     Writer w;
+    encodeEciReplyBody(w, r);
+    return w.take();
+}
+
+Bytes encodeEciReplyFlow(const Header& h, const EciReply& r, Bytes buffer) {
+    Writer w(std::move(buffer));
+    // Fixed fields, count and channel flag: 30 bytes; a channel grows the buffer.
+    w.reserve(h.encodedSize() + 32 + r.commarea.size());
+    encodeFlowInto(w, h, [&](Writer& body) { encodeEciReplyBody(body, r); });
+    return w.take();
+}
+
+void encodeEciReplyBody(Writer& w, const EciReply& r) {
     w.i32(r.requestType);
     if (r.requestType == kEciCall || r.requestType == kEciCallAltTran) {
         w.i32(r.luwToken);
@@ -206,7 +219,6 @@ Bytes encodeEciReplyBody(const EciReply& r) {
         w.u32(static_cast<uint32_t>(r.commarea.size()));
         w.bytes(r.commarea);
     }
-    return w.take();
 }
 
 bool decodeEciReplyBody(Source& src, int32_t extendMode, EciReply& r, std::string& error) {

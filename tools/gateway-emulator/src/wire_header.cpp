@@ -44,6 +44,7 @@ bool decodeHeader(Source& src, Header& h, std::string& error) {
 Bytes encodeFlow(Header h, const Bytes& body) {
     h.bodyLength = static_cast<uint32_t>(body.size());
     Writer w;
+    w.reserve(h.encodedSize() + body.size());
     encodeHeader(w, h);
     w.bytes(body);
     return w.take();

@@ -13,6 +13,19 @@ bool MemorySource::take(uint8_t* dst, size_t n) {
     return true;
 }
 
+bool MemorySource::append(Bytes& out, size_t n) {
+    if (n > size_ - pos_) return false;
+    out.insert(out.end(), data_ + pos_, data_ + pos_ + n);
+    pos_ += n;
+    return true;
+}
+
+bool Source::append(Bytes& out, size_t n) {
+    const size_t at = out.size();
+    out.resize(at + n);
+    return n == 0 || take(out.data() + at, n);
+}
+
 bool getU8(Source& src, uint8_t& v) { return src.take(&v, 1); }
 
 bool getU16(Source& src, uint16_t& v) {
@@ -37,15 +50,23 @@ bool getI32(Source& src, int32_t& v) {
 }
 
 bool getBytes(Source& src, size_t n, Bytes& out) {
-    if (n > src.remaining()) return false;
-    out.assign(n, 0);
-    return n == 0 || src.take(out.data(), n);
+    if (n > src.remaining()) {
+        out.clear();
+        return false;
+    }
+    out.clear();  // the capacity stays
+    out.reserve(n);  // bounded by what the source may still hand out
+    if (src.append(out, n)) return true;
+    out.clear();
+    return false;
 }
 
 bool getText(Source& src, size_t n, std::string& out) {
-    Bytes b;
-    if (!getBytes(src, n, b)) return false;
-    out.assign(b.begin(), b.end());
+    if (n > src.remaining()) return false;
+    // Straight into the string: no block in between for a field of a few bytes.
+    std::string text(n, '\0');
+    if (n > 0 && !src.take(reinterpret_cast<uint8_t*>(text.data()), n)) return false;
+    out = std::move(text);
     return true;
 }
 
@@ -55,7 +76,13 @@ void Writer::u16(uint16_t v) {
 }
 
 void Writer::u32(uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) out_.push_back(static_cast<uint8_t>(v >> shift));
+    const uint8_t b[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 8),
+                          static_cast<uint8_t>(v)};
+    out_.insert(out_.end(), b, b + 4);
+}
+
+void Writer::patchU32(size_t offset, uint32_t v) {
+    for (int i = 0; i < 4; ++i) out_.at(offset + static_cast<size_t>(i)) = static_cast<uint8_t>(v >> (24 - 8 * i));
 }
 
 void Writer::bytes(const void* data, size_t n) {

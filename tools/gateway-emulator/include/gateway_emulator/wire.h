@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kvlemu::wire {
@@ -58,6 +59,9 @@ public:
     virtual ~Source() = default;
     // Copies exactly n bytes or fails (end of data, budget exhausted, socket error).
     virtual bool take(uint8_t* dst, size_t n) = 0;
+    // Appends exactly n bytes to `out` or fails (then out may hold some of them).
+    // A source that holds the bytes in memory copies them once, with no clearing first.
+    virtual bool append(Bytes& out, size_t n);
     // Bytes that may still be taken; the bound applied to lengths read from the wire.
     virtual uint64_t remaining() const = 0;
 };
@@ -67,6 +71,7 @@ public:
     explicit MemorySource(const Bytes& data) : data_(data.data()), size_(data.size()) {}
     MemorySource(const uint8_t* data, size_t size) : data_(data), size_(size) {}
     bool take(uint8_t* dst, size_t n) override;
+    bool append(Bytes& out, size_t n) override;
     uint64_t remaining() const override { return size_ - pos_; }
     size_t position() const { return pos_; }
 
@@ -80,12 +85,21 @@ bool getU8(Source& src, uint8_t& v);
 bool getU16(Source& src, uint16_t& v);
 bool getU32(Source& src, uint32_t& v);
 bool getI32(Source& src, int32_t& v);
-// Takes n bytes after checking n against src.remaining().
+// Takes n bytes after checking n against src.remaining(). The capacity `out`
+// already has is used; it is empty when the bytes cannot be taken.
 bool getBytes(Source& src, size_t n, Bytes& out);
 bool getText(Source& src, size_t n, std::string& out);
 
 class Writer {
 public:
+    Writer() = default;
+    // Writes into `reuse` from its start: its capacity serves again, so a caller
+    // that hands the same buffer back for every flow allocates only once.
+    explicit Writer(Bytes&& reuse) : out_(std::move(reuse)) { out_.clear(); }
+    void reserve(size_t n) { out_.reserve(n); }
+    size_t size() const { return out_.size(); }
+    // Overwrites four bytes already written, at `offset`.
+    void patchU32(size_t offset, uint32_t v);
     void u8(uint8_t v) { out_.push_back(v); }
     void u16(uint16_t v);
     void u32(uint32_t v);
@@ -138,6 +152,15 @@ bool decodeHeader(Source& src, Header& h, std::string& error);
 
 // Header plus body as one flow; the header's body length is set from the body.
 Bytes encodeFlow(Header h, const Bytes& body);
+// The header, then whatever `body` writes, in one buffer: the header's body
+// length is patched in afterwards, so the body is written once, not copied.
+template <typename BodyWriter>
+void encodeFlowInto(Writer& w, const Header& h, BodyWriter&& body) {
+    encodeHeader(w, h);
+    const size_t start = w.size();
+    body(w);
+    w.patchU32(start - 4, static_cast<uint32_t>(w.size() - start));
+}
 
 // ---------------------------------------------------------------------------
 // Handshake (flow type 5, message id -2, "BASE").
@@ -258,6 +281,10 @@ struct EciReply {
 };
 
 Bytes encodeEciReplyBody(const EciReply& r);
+void encodeEciReplyBody(Writer& w, const EciReply& r);
+// A whole reply flow in `buffer` (its capacity reused): header and body in one
+// pass, the COMMAREA copied once.
+Bytes encodeEciReplyFlow(const Header& h, const EciReply& r, Bytes buffer = {});
 // extendMode says whether COMMAREA bytes follow, exactly as the client decides.
 bool decodeEciReplyBody(Source& src, int32_t extendMode, EciReply& r, std::string& error);
 
