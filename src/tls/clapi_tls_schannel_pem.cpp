@@ -23,20 +23,27 @@ bool pemFile::read(const char* path) {
     if (f == nullptr) return false;
     char chunk[4096];
     size_t n;
+    size_t cap = 0;
     bool ok = true;
     while (ok && (n = fread(chunk, 1, sizeof chunk, f)) > 0) {
-        char* bigger = size_ + n <= kMaxPemFile ? static_cast<char*>(malloc(size_ + n + 1)) : nullptr;
-        ok = bigger != nullptr;
-        if (ok) {
+        if (size_ + n + 1 > cap) {
+            size_t want = cap == 0 ? 8192 : 2 * cap;
+            while (want < size_ + n + 1) want *= 2;
+            char* bigger = size_ + n <= kMaxPemFile ? static_cast<char*>(malloc(want)) : nullptr;
+            ok = bigger != nullptr;
+            if (!ok) break;
             // Not realloc: the old buffer may hold a key and is wiped before it goes.
-            if (text_ != nullptr) memcpy(bigger, text_, size_);
-            memcpy(bigger + size_, chunk, n);
-            if (text_ != nullptr) SecureZeroMemory(text_, size_);
-            free(text_);
+            if (text_ != nullptr) {
+                memcpy(bigger, text_, size_);
+                SecureZeroMemory(text_, size_);
+                free(text_);
+            }
             text_ = bigger;
-            size_ += n;
-            text_[size_] = '\0';
+            cap = want;
         }
+        memcpy(text_ + size_, chunk, n);
+        size_ += n;
+        text_[size_] = '\0';
     }
     SecureZeroMemory(chunk, sizeof chunk);
     ok = ok && !ferror(f) && text_ != nullptr;
