@@ -16,6 +16,8 @@
 
 #include "kvl_ext.h"
 #include "tls/clapi_tls_engine.h"
+#include "tls/clapi_tls_schannel_client.h"
+#include "tls/clapi_tls_schannel_pem.h"
 
 namespace {
 
@@ -38,50 +40,16 @@ bool isAddress(const char* name) {
 
 // Adds every PEM certificate of `path` to `store`; false when none could be read.
 bool loadPemCertificates(const char* path, HCERTSTORE store) {
-    FILE* f = fopen(path, "rb");
-    if (f == nullptr) return false;
-    char* text = nullptr;
-    size_t size = 0;
-    char chunk[4096];
-    size_t n;
-    bool ok = true;
-    while (ok && (n = fread(chunk, 1, sizeof chunk, f)) > 0) {
-        if (size + n > 4u * 1024 * 1024) ok = false;  // no CA file is that large
-        char* bigger = ok ? static_cast<char*>(realloc(text, size + n + 1)) : nullptr;
-        if (bigger == nullptr) {
-            ok = false;
-            break;
-        }
-        text = bigger;
-        memcpy(text + size, chunk, n);
-        size += n;
-    }
-    fclose(f);
-    if (!ok || text == nullptr) {
-        free(text);
-        return false;
-    }
-    text[size] = '\0';
+    pemFile file;
+    if (!file.read(path)) return false;
     int added = 0;
-    const char* begin = "-----BEGIN CERTIFICATE-----";
-    const char* end = "-----END CERTIFICATE-----";
-    for (char* at = strstr(text, begin); at != nullptr; at = strstr(at, begin)) {
-        char* stop = strstr(at, end);
-        if (stop == nullptr) break;
-        stop += strlen(end);
-        DWORD derLen = 0;
-        DWORD pemLen = static_cast<DWORD>(stop - at);
-        if (CryptStringToBinaryA(at, pemLen, CRYPT_STRING_BASE64HEADER, nullptr, &derLen, nullptr, nullptr)) {
-            auto* der = static_cast<BYTE*>(malloc(derLen));
-            if (der != nullptr &&
-                CryptStringToBinaryA(at, pemLen, CRYPT_STRING_BASE64HEADER, der, &derLen, nullptr, nullptr) &&
-                CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der, derLen, CERT_STORE_ADD_ALWAYS, nullptr))
-                ++added;
-            free(der);
-        }
-        at = stop;
-    }
-    free(text);
+    const char* at = file.text();
+    pemBlock block;
+    while (pemNextBlock(at, block))
+        if (strcmp(block.label, "CERTIFICATE") == 0 && block.size > 0 &&
+            CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, block.der, block.size, CERT_STORE_ADD_ALWAYS,
+                                             nullptr))
+            ++added;
     return added > 0;
 }
 
@@ -193,8 +161,11 @@ const char* statusText(SECURITY_STATUS s) {
     case SEC_E_CERT_UNKNOWN:
     case SEC_E_UNTRUSTED_ROOT:
         return "certificate refused";
+    case SEC_I_INCOMPLETE_CREDENTIALS:
+        return "the Gateway asks for a client certificate and none was given (tlsCertFile, tlsKeyFile)";
     case SEC_E_INTERNAL_ERROR:
-        return "internal error of the TLS library";
+        // Wine's TLS also reports a fatal alert from the Gateway so.
+        return "the Gateway sent a fatal alert, or the TLS library failed";
     default:
         return "handshake failed";
     }
@@ -211,8 +182,13 @@ public:
     bool setUp(const tlsSettings& s, tlsFailure& why) {
         settings_ = s;
         snprintf(name_, sizeof name_, "%s", s.name != nullptr ? s.name : "");
-        if (s.certFile != nullptr || s.keyFile != nullptr)
-            return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "client certificates are not supported by the Windows TLS of this build");
+        PCCERT_CONTEXT clientCert = nullptr;
+        if (s.certFile != nullptr || s.keyFile != nullptr) {
+            if (s.certFile == nullptr || s.keyFile == nullptr)
+                return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "a client certificate needs both a certificate and a key file");
+            if (!client_.load(s.certFile, s.keyFile, why)) return false;
+            clientCert = client_.certificate();
+        }
         ALG_ID ciphers[kMaxCiphers];
         DWORD cipherCount = 0;
         if (s.cipherList != nullptr && s.cipherList[0] != '\0' && !parseCipherList(s.cipherList, ciphers, &cipherCount, why))
@@ -228,6 +204,10 @@ public:
         cred.grbitEnabledProtocols =
             s.minVersion == 0x0304 ? SP_PROT_TLS1_3_CLIENT : (SP_PROT_TLS1_2_CLIENT | SP_PROT_TLS1_3_CLIENT);
         cred.dwFlags = SCH_CRED_MANUAL_CRED_VALIDATION | SCH_CRED_NO_DEFAULT_CREDS;
+        if (clientCert != nullptr) {
+            cred.cCreds = 1;
+            cred.paCred = &clientCert;
+        }
         if (cipherCount > 0) {
             cred.cSupportedAlgs = cipherCount;
             cred.palgSupportedAlgs = ciphers;
@@ -243,6 +223,10 @@ public:
             st = AcquireCredentialsHandleA(nullptr, const_cast<char*>(UNISP_NAME_A), SECPKG_CRED_OUTBOUND, nullptr, &cred,
                                            nullptr, nullptr, &credentials_, &expiry);
         }
+        if (st != SEC_E_OK && clientCert != nullptr)
+            return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG,
+                           "the Windows TLS cannot use the client certificate %s with the key %s (0x%08lX)", s.certFile,
+                           s.keyFile, (unsigned long)st);
         if (st != SEC_E_OK)
             return tlsFail(why, KVL_EXT_ERR_TLS_CONFIG, "the Windows TLS refused the settings (0x%08lX)", (unsigned long)st);
         haveCredentials_ = true;
@@ -280,7 +264,11 @@ public:
                 if (!out.empty() && in.empty()) return tlsStatus::wantInput;
                 continue;
             }
-            tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "TLS handshake failed: %s (0x%08lX)", statusText(st), (unsigned long)st);
+            tlsFail(why, KVL_EXT_ERR_TLS_HANDSHAKE, "TLS handshake failed: %s (0x%08lX)%s", statusText(st),
+                    (unsigned long)st,
+                    client_.certificate() == nullptr && st == SEC_E_INTERNAL_ERROR
+                        ? "; a Gateway that requires a client certificate ends the handshake so when none is given"
+                        : "");
             return tlsStatus::failed;
         }
     }
@@ -490,6 +478,8 @@ private:
     bool haveContext_ = false;
     SecPkgContext_StreamSizes sizes_{};
     HCERTSTORE caStore_ = nullptr;
+    // Outlives the credentials (members go after the destructor's body), which may use its key.
+    schannelClientCert client_;
     ALG_ID ciphers_[kMaxCiphers] = {};
     DWORD cipherCount_ = 0;
 };

@@ -1,4 +1,4 @@
-// tls_probe HOST PORT CAFILE [SERVERNAME|- [CIPHERS]]: opens a TLS connection,
+// tls_probe HOST PORT CAFILE [SERVERNAME|- [CIPHERS|- [CERT KEY]]]: opens a TLS connection,
 // makes one ECHO call and reports. The Windows build runs it under Wine against the
 // Linux emulator (tests/tls/wine_tls.sh).
 #include <cstdio>
@@ -13,13 +13,17 @@
 
 int main(int argc, char** argv) {
     if (argc < 4) {
-        std::fprintf(stderr, "usage: tls_probe HOST PORT CAFILE [SERVERNAME|- [CIPHERS]]\n");
+        std::fprintf(stderr, "usage: tls_probe HOST PORT CAFILE [SERVERNAME|- [CIPHERS|- [CERT KEY]]]\n");
         return 2;
     }
     clapiProcessAttach();  // the load-time steps the DLL entry would run
     KVL_EXT_ConnectOptions o = tlstest::tlsOptions(argv[1], std::atoi(argv[2]), argv[3]);
     if (argc > 4 && std::strcmp(argv[4], "-") != 0) o.tlsServerName = argv[4];
-    if (argc > 5) o.tlsCipherList = argv[5];
+    if (argc > 5 && std::strcmp(argv[5], "-") != 0) o.tlsCipherList = argv[5];
+    if (argc > 7) {
+        o.tlsCertFile = argv[6];
+        o.tlsKeyFile = argv[7];
+    }
     gwTok token = nullptr;
     std::string why;
     int rc = tlstest::openTls(o, &token, &why);

@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # KVLCLIENT's Schannel TLS under Wine against the Linux emulator over TLS:
 # a call with the CA file, then an unknown CA and a wrong name (both -923), an
-# address checked against the certificate's addresses, cipher lists;
+# address checked against the certificate's addresses, cipher lists, mutual TLS
+# against an emulator that requires a client certificate;
 # with tls_relay next to the emulator, also that the DLL's close sends a
 # close_notify. Usage: wine_tls.sh EMULATOR TLS_PROBE_EXE. Exit 0 when every case holds.
 set -u
 emulator=$(realpath "$1") probe=$(realpath "$2")
 dir=$(mktemp -d)
-emu_pid= plain_pid=
+emu_pid= plain_pid= mtls_pid=
 cleanup() {
   [[ -n "$emu_pid" ]] && kill "$emu_pid" 2>/dev/null
+  [[ -n "$mtls_pid" ]] && kill "$mtls_pid" 2>/dev/null
   [[ -n "$plain_pid" ]] && kill "$plain_pid" 2>/dev/null
   wait 2>/dev/null; rm -rf "$dir"
 }
@@ -43,6 +45,40 @@ check "open rc=-923 .*name mismatch (127.0.0.2 is not" 127.0.0.1 "$port" "$(winp
 check "call rc=0 echo matches" localhost "$port" "$(winpath "$dir/ca.pem")" - "AES256:AES128"
 check "call rc=0 echo matches" localhost "$port" "$(winpath "$dir/ca.pem")" - "TLS_AES_256_GCM_SHA384"
 check "open rc=-921 .*cipher \"ECDHE-RSA-RC4\" is not one" localhost "$port" "$(winpath "$dir/ca.pem")" - "AES128:ECDHE-RSA-RC4"
+# Mutual TLS. Wine's TLS signs only with RSA keys, which it reads from the
+# legacy provider's key containers: RSA client keys work there, EC ones are
+# refused at the import (its key storage provider takes no private key).
+printf "extendedKeyUsage=clientAuth\n" >client.cnf
+client_cert() {  # name, then the -newkey arguments
+  local name=$1; shift
+  openssl req -newkey "$@" -nodes -keyout "$name.key" -out "$name.csr" -subj "/CN=$name" 2>/dev/null &&
+    openssl x509 -req -in "$name.csr" -CA ca.pem -CAkey ca.key -CAcreateserial -out "$name.pem" -days 2 \
+      -extfile client.cnf 2>/dev/null
+}
+client_cert rsa-client rsa:2048 && client_cert other-client rsa:2048 &&
+  client_cert ec-client ec -pkeyopt ec_paramgen_curve:P-256 || exit 1
+openssl pkey -in rsa-client.key -traditional -out rsa-client-pkcs1.key 2>/dev/null || exit 1
+"$emulator" --tls-cert server.pem --tls-key server.key --tls-client-ca ca.pem --tls-require-client-cert \
+  --port-file mtls-port.txt -v 0 >mtls.log 2>&1 &
+mtls_pid=$!
+mtls_port=$(await_port mtls-port.txt) || { echo "mutual TLS emulator did not start:"; cat mtls.log; exit 1; }
+mtls() {  # expected-fragment cert key
+  check "$1" localhost "$mtls_port" "$(winpath "$dir/ca.pem")" - - "$(winpath "$dir/$2")" "$(winpath "$dir/$3")"
+}
+mtls "call rc=0 echo matches" rsa-client.pem rsa-client.key          # PKCS#8
+mtls "call rc=0 echo matches" rsa-client.pem rsa-client-pkcs1.key    # PKCS#1
+check "open rc=-922 .*requires a client certificate" localhost "$mtls_port" "$(winpath "$dir/ca.pem")"
+mtls "open rc=-921 .*client key in .*other-client.key does not match the certificate in .*rsa-client.pem" \
+  rsa-client.pem other-client.key
+mtls "open rc=-921 .*ec-client.key does not match the certificate in .*rsa-client.pem (the key is EC" \
+  rsa-client.pem ec-client.key
+mtls "open rc=-921 .*rsa-client.pem holds no PEM private key" rsa-client.pem rsa-client.pem
+mtls "open rc=-921 .*cannot read the client key file .*missing.key" rsa-client.pem missing.key
+mtls "open rc=-921 .*the EC key in .*ec-client.key (P-256) cannot be imported (0x80090027)" ec-client.pem ec-client.key
+# Each RSA key lived in a key container of its own, deleted with the credentials.
+left=$(timeout 60 wine reg query 'HKCU\Software\Wine\Crypto\RSA' 2>/dev/null | tr -d '\r' | grep -c 'kvlclient-')
+if [[ "$left" == 0 ]]; then echo "ok: no key container left"
+else echo "FAILED: $left key containers left in the Wine registry"; status=1; fi
 relay=$(dirname "$emulator")/tls_relay
 if [[ -x "$relay" ]]; then
   # The probe's close, seen by OpenSSL in front of a plain emulator.
