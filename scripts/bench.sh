@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the performance suite (Release, build/bench) and runs it. It prints every
 # figure of the library next to its raw floor measured in the same run, with ratios
-# and targets. Arguments go to the suite: --quick for a short run. Not part of CI.
+# and targets. Arguments go to the suite: --quick for a short run, --only CASE,... for
+# some cases. On a virtual machine, run it pinned to one CPU (README). Not part of CI.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/bench
