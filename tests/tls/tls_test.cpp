@@ -59,6 +59,24 @@ kvlemu::TlsOptions serverTls(const std::string& cert, const std::string& key) {
     return t;
 }
 
+// Purges the connection while a call on it is held at the emulator's gate; the
+// call must end, with an error.
+void purgeDuringAHeldCall(kvlemu::Emulator& emulator, gwTok* token) {
+    gwTok t = *token;
+    auto inFlight = std::async(std::launch::async, [t] {
+        std::vector<uint8_t> area = pattern(100, 9);
+        return call(t, "GATE", area);
+    });
+    struct OpenGate {  // also on a failed assertion, before the call is waited for
+        kvlemu::Emulator& emulator;
+        ~OpenGate() { emulator.openGate(); }
+    } openGate{emulator};
+    ASSERT_TRUE(emulator.waitForGateWaiters(1, 5000));
+    EXPECT_EQ(0, KVL_purgeGatewayConnection(token, 0));
+    ASSERT_EQ(std::future_status::ready, inFlight.wait_for(std::chrono::seconds(10)));
+    EXPECT_NE(ECI_NO_ERROR, inFlight.get());
+}
+
 class TlsTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -268,15 +286,7 @@ TEST_F(TlsTest, APurgeEndsACallInFlight) {
     gwTok token = nullptr;
     std::string why;
     ASSERT_EQ(0, openTls(options(), &token, &why)) << why;
-    auto inFlight = std::async(std::launch::async, [token] {
-        std::vector<uint8_t> area = pattern(100, 9);
-        return call(token, "GATE", area);
-    });
-    ASSERT_TRUE(emulator_.waitForGateWaiters(1, 5000));
-    EXPECT_EQ(0, KVL_purgeGatewayConnection(&token, 0));
-    ASSERT_EQ(std::future_status::ready, inFlight.wait_for(std::chrono::seconds(10)));
-    EXPECT_NE(ECI_NO_ERROR, inFlight.get());
-    emulator_.openGate();
+    purgeDuringAHeldCall(emulator_, &token);
 }
 
 TEST_F(TlsTest, ManyThreadsShareOneConnection) {
@@ -352,17 +362,9 @@ TEST_F(TlsEndTest, ACloseSendsCloseNotifyBeforeTheSocketEnds) {
 TEST_F(TlsEndTest, APurgeDuringACallSendsCloseNotify) {
     gwTok token = open();
     ASSERT_NE(nullptr, token);
-    auto inFlight = std::async(std::launch::async, [token] {
-        std::vector<uint8_t> area = pattern(100, 9);
-        return call(token, "GATE", area);
-    });
-    ASSERT_TRUE(emulator_.waitForGateWaiters(1, 5000));
-    EXPECT_EQ(0, KVL_purgeGatewayConnection(&token, 0));
-    ASSERT_EQ(std::future_status::ready, inFlight.wait_for(std::chrono::seconds(10)));
-    EXPECT_NE(ECI_NO_ERROR, inFlight.get());
+    purgeDuringAHeldCall(emulator_, &token);
     TlsRelay::End end = relay_->waitForEnd(5000);
     EXPECT_EQ(TlsRelay::End::closeNotify, end) << TlsRelay::name(end);
-    emulator_.openGate();
 }
 
 }  // namespace
