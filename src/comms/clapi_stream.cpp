@@ -1,28 +1,24 @@
-// Registry of the streams laid over sockets: a short list under one lock; plain
-// connections pay only the empty check.
+// Registry of the streams laid over sockets, by socket, under one lock; plain
+// connections pay only the empty check. Every flow looks its socket up, so the
+// lookup is a hash probe whatever the number of TLS connections.
 #include "comms/clapi_stream.h"
 
 #include <atomic>
 #include <mutex>
 #include <new>
+#include <unordered_map>
 
 namespace {
 
-struct entry {
-    platformSocket socket;
-    clapiStream* stream;
-    entry* next;
-};
-
 struct registry {
     std::mutex lock;
-    entry* head = nullptr;
+    std::unordered_map<platformSocket, clapiStream*> bySocket;
     std::atomic<int> count{0};
 };
 
 registry& streams() {
-    static registry r;
-    return r;
+    static auto* r = new registry();  // never destroyed: sockets may be closed until unload
+    return *r;
 }
 
 }  // namespace
@@ -30,11 +26,11 @@ registry& streams() {
 int clapiStreamAttach(platformSocket s, clapiStream* stream) {
     registry& r = streams();
     std::lock_guard<std::mutex> guard(r.lock);
-    for (entry* e = r.head; e; e = e->next)
-        if (e->socket == s) return -1;
-    auto* e = new (std::nothrow) entry{s, stream, r.head};
-    if (e == nullptr) return -1;
-    r.head = e;
+    try {
+        if (!r.bySocket.emplace(s, stream).second) return -1;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
     r.count.fetch_add(1);
     return 0;
 }
@@ -46,19 +42,15 @@ void clapiStreamEnd(platformSocket s) {
 void clapiStreamRelease(platformSocket s) {
     registry& r = streams();
     if (r.count.load() == 0) return;
-    entry* found = nullptr;
+    clapiStream* found = nullptr;
     {
         std::lock_guard<std::mutex> guard(r.lock);
-        for (entry** link = &r.head; *link; link = &(*link)->next) {
-            if ((*link)->socket != s) continue;
-            found = *link;
-            *link = found->next;
-            r.count.fetch_sub(1);
-            break;
-        }
+        auto it = r.bySocket.find(s);
+        if (it == r.bySocket.end()) return;
+        found = it->second;
+        r.bySocket.erase(it);
+        r.count.fetch_sub(1);
     }
-    if (found == nullptr) return;
-    delete found->stream;
     delete found;
 }
 
@@ -66,7 +58,6 @@ clapiStream* clapiStreamFor(platformSocket s) {
     registry& r = streams();
     if (r.count.load() == 0) return nullptr;
     std::lock_guard<std::mutex> guard(r.lock);
-    for (entry* e = r.head; e; e = e->next)
-        if (e->socket == s) return e->stream;
-    return nullptr;
+    auto it = r.bySocket.find(s);
+    return it == r.bySocket.end() ? nullptr : it->second;
 }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "comms/clapi_socketbuffer.h"
+#include "comms/clapi_stream.h"
 #include "kvlclient.h"
 #include "loopback.h"
 #include "trace_capture.h"
@@ -283,4 +284,42 @@ TEST_F(SocketBuffer, AnIdleReadBufferGivesItsMemoryBackAndReadsTheNextFlow) {
     readBytes(&b.sb, again.data(), again.size());
     EXPECT_EQ(b.sb.lastError, 0);
     EXPECT_EQ(again, second);
+}
+
+namespace {
+// A stream that only records that it was destroyed.
+class CountedStream : public clapiStream {
+public:
+    explicit CountedStream(int* destroyed) : destroyed_(destroyed) {}
+    ~CountedStream() override { ++*destroyed_; }
+    long long sendAll(const uint8_t*, size_t len, int*) override { return static_cast<long long>(len); }
+    long long recv(uint8_t*, size_t, int*) override { return 0; }
+    int waitReadable(int) override { return 1; }
+
+private:
+    int* destroyed_;
+};
+}  // namespace
+
+// Every flow finds its socket's stream; a socket has at most one, and releasing
+// it destroys it once. Many sockets at once, released in another order.
+TEST(StreamRegistry, StreamsAreFoundByTheirSocketAndReleasedOnce) {
+    int destroyed = 0;
+    constexpr platformSocket kFirst = 900000;  // no socket of this process has such a number
+    constexpr int kCount = 300;
+    for (int i = 0; i < kCount; ++i) ASSERT_EQ(0, clapiStreamAttach(kFirst + i, new CountedStream(&destroyed)));
+    auto* spare = new CountedStream(&destroyed);
+    EXPECT_EQ(-1, clapiStreamAttach(kFirst + 7, spare)) << "a second stream on one socket";
+    delete spare;
+    EXPECT_EQ(1, destroyed);
+    EXPECT_EQ(nullptr, clapiStreamFor(kFirst + kCount));
+    clapiStream* seventh = clapiStreamFor(kFirst + 7);
+    ASSERT_NE(nullptr, seventh);
+    EXPECT_NE(seventh, clapiStreamFor(kFirst + 8));
+    for (int i = kCount - 1; i >= 0; i -= 2) clapiStreamRelease(kFirst + i);
+    for (int i = 0; i < kCount; i += 2) clapiStreamRelease(kFirst + i);
+    EXPECT_EQ(1 + kCount, destroyed);
+    clapiStreamRelease(kFirst + 7);  // already gone: nothing happens
+    EXPECT_EQ(1 + kCount, destroyed);
+    EXPECT_EQ(nullptr, clapiStreamFor(kFirst + 7));
 }
