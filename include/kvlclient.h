@@ -159,7 +159,9 @@ KVL_API int KVL_openRemoteGatewayConnectionApplid(const char* hostname, int port
  *         of it is running; KVL_ERR_SYSTEM_ERROR. */
 KVL_API int KVL_closeGatewayConnection(gwTok* gwTokPtr);
 /** Closes a connection, waiting at most closeTimeout seconds for the calls in
- * flight; calls still waiting afterwards fail with KVL_ERR_GWTOK_CLOSED.
+ * flight; calls still waiting afterwards fail with KVL_ERR_GWTOK_CLOSED. A
+ * Gateway that answers neither the close nor reads what is sent to it is cut
+ * off after at most 30 more seconds (its calls then fail with KVL_ERR_LOSTGWCON).
  * @param gwTokPtr the caller's connection variable; set to NULL on success.
  * @param closeTimeout 0..3600 seconds; 0 does not wait at all.
  * @return as KVL_closeGatewayConnection(), and KVL_ERR_INVALIDTIMEOUTPARM for a
