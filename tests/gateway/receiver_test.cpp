@@ -239,7 +239,7 @@ TEST_F(ScriptedReceiverTest, APurgeEndsACallStuckSendingToAGatewayThatDoesNotRea
     EXPECT_EQ(KVL_OK, purge.get());
     EXPECT_EQ(nullptr, token_);
     ASSERT_EQ(std::future_status::ready, stuck.wait_for(std::chrono::seconds(10)));
-    EXPECT_LT(stuck.get(), 0);
+    EXPECT_EQ(KVL_ERR_LOSTGWCON, stuck.get());
     EXPECT_EQ(ECI_deleteChannel(&channel), ECI_NO_ERROR);
 }
 
