@@ -43,9 +43,10 @@ bool is(const tlsDerSpan& s, const uint8_t* oid, size_t len) {
 }  // namespace
 
 bool tlsParsePkcs8(const uint8_t* der, size_t len, tlsKeyKind* kind, tlsDerSpan* inner, tlsDerSpan* algorithm) {
+    if (der == nullptr) return false;
     derReader file{der, der + len};
     tlsDerSpan info, version, algId, oid;
-    if (der == nullptr || !file.read(kSequence, &info)) return false;
+    if (!file.read(kSequence, &info)) return false;
     derReader fields = file.inside(info);
     if (!fields.read(kInteger, &version) || !fields.read(kSequence, &algId) || !fields.read(kOctets, inner))
         return false;
@@ -59,10 +60,11 @@ bool tlsParsePkcs8(const uint8_t* der, size_t len, tlsKeyKind* kind, tlsDerSpan*
 }
 
 bool tlsParseEcPrivateKey(const uint8_t* der, size_t len, tlsDerSpan* privateValue, tlsDerSpan* publicPoint) {
+    *publicPoint = tlsDerSpan{};
+    if (der == nullptr) return false;
     derReader file{der, der + len};
     tlsDerSpan key, version, skipped;
-    *publicPoint = tlsDerSpan{};
-    if (der == nullptr || !file.read(kSequence, &key)) return false;
+    if (!file.read(kSequence, &key)) return false;
     derReader fields = file.inside(key);
     if (!fields.read(kInteger, &version) || version.size != 1 || version.data[0] != 1) return false;
     if (!fields.read(kOctets, privateValue) || privateValue->size == 0) return false;
